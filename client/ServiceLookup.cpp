@@ -1,0 +1,78 @@
+/*
+ * The client's lookup of the tracking service: one cached proxy per process, emptied by the
+ * death notifier when the service process goes away.
+ */
+#include "ITovarinService.h"
+
+#include <binder/IServiceManager.h>
+#include <binder/ProcessState.h>
+#include <utils/String16.h>
+
+#include <tovarin/TovarinLogger.h>
+
+#include <pthread.h>
+
+using android::defaultServiceManager;
+using android::IBinder;
+using android::ProcessState;
+using android::sp;
+using android::String16;
+using android::wp;
+
+namespace morvel {
+namespace tovarin {
+namespace binder {
+
+namespace {
+
+// Log state word of this module, read and written only by the log writer.
+int32_t sLogState = -1;
+
+}  // namespace
+
+// Created at load, in this order, and destroyed in reverse order at exit.
+pthread_mutex_t ITovarinService::sLock = PTHREAD_MUTEX_INITIALIZER;
+sp<ITovarinService> ITovarinService::sService;
+sp<ITovarinService::DeathNotifier> ITovarinService::sDeathNotifier;
+
+sp<ITovarinService> ITovarinService::checkService() {
+    pthread_mutex_lock(&sLock);
+    if (sService == nullptr) {
+        // The lock is held across the query, the link and the pool start, so concurrent
+        // first callers make exactly one query and share one proxy.
+        sp<IBinder> binder = defaultServiceManager()->checkService(String16(SERVICE_NAME));
+        if (binder != nullptr) {
+            if (sDeathNotifier == nullptr) {
+                sDeathNotifier = new DeathNotifier();
+            }
+            // Every successful lookup, the first and each one after a service death, sets the
+            // logger of a client process to its maximum level.
+            TovarinLogger::setGlobalMaxLevel(4);
+            // Linked before anything else can link to this binder: the platform delivers death
+            // notices in link order, so this cache is empty before any other recipient of the
+            // same death (TovarinServiceImpl's recovery) looks the service up again. A failed
+            // link (binder already dead) is ignored; calls then fail with DEAD_OBJECT.
+            binder->linkToDeath(sDeathNotifier, nullptr, 0);
+            sService = ITovarinService::asInterface(binder);
+            // Death notices and listener callbacks arrive on pool threads.
+            ProcessState::self()->startThreadPool();
+        }
+    }
+    sp<ITovarinService> service = sService;
+    pthread_mutex_unlock(&sLock);
+    return service;
+}
+
+void ITovarinService::DeathNotifier::binderDied(const wp<IBinder>& /*who*/) {
+    pthread_mutex_lock(&sLock);
+    if (TovarinLogger::getInstance()->shouldLog(nullptr, 6)) {
+        rendel_log_write2(6, &sLogState, 2, nullptr, "Client's binder connection to Tovarin died!");
+    }
+    // Whatever binder died, the cache is emptied: the next lookup asks the service manager.
+    sService.clear();
+    pthread_mutex_unlock(&sLock);
+}
+
+}  // namespace binder
+}  // namespace tovarin
+}  // namespace morvel
