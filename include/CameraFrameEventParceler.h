@@ -11,6 +11,7 @@
  */
 #pragma once
 
+#include <binder/IBinder.h>
 #include <binder/Parcel.h>
 #include <tovarin/CameraFrameEvent.h>
 #include <tovarin/CameraSettings.h>
@@ -56,6 +57,11 @@ public:
     android::status_t unparcelSensorData(SensorData& sample, const android::Parcel& parcel);
 
 private:
+    // mBuffer filled with the frame's pixels from the memory behind `binder`, or null when they
+    // cannot be had safely (the buffer is then untouched).
+    unsigned char* copyPixels(const android::sp<android::IBinder>& binder, int32_t width,
+                              int32_t height);
+
     unsigned char* mBuffer;  // malloc'ed, owned; null until the first frame with pixels
     int32_t mBufferSize;
 };
