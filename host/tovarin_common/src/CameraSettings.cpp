@@ -1,0 +1,9 @@
+#include <tovarin/CameraSettings.h>
+
+namespace morvel {
+namespace tovarin {
+
+CameraSettings::CameraSettings() : settingsA{}, settingsFlag(false), settingsB{} {}
+
+}  // namespace tovarin
+}  // namespace morvel

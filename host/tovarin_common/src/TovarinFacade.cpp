@@ -1,0 +1,527 @@
+#include <tovarin/TovarinFacade.h>
+
+#include <math.h>
+#include <string.h>
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+#include <utils/Timers.h>
+
+#include <tovarin/TovarinLogger.h>
+
+namespace morvel {
+namespace tovarin {
+
+using android::BAD_VALUE;
+using android::INVALID_OPERATION;
+using android::OK;
+using android::sp;
+using android::status_t;
+
+namespace {
+
+constexpr const char* kLogTag = "TovarinFacade";
+int32_t sLogState = -1;
+
+constexpr double kPi = 3.14159265358979323846;
+constexpr double kMinFrameRateHz = 0.1;
+constexpr double kMaxFrameRateHz = 240.0;
+constexpr int32_t kMaxFidelity = 3;
+constexpr int32_t kMaxFilter = 2;
+// State changes waiting for delivery beyond this are dropped, oldest first, so that a slow
+// listener and a caller toggling the state cannot grow memory without bound.
+constexpr size_t kMaxPendingStateChanges = 1024;
+
+// Head pose of the synthetic motion at time t (seconds): yaw, pitch, roll in degrees.
+void poseAt(double t, double* yaw, double* pitch, double* roll) {
+    *yaw = 30.0 * sin(2.0 * kPi * t / 8.0);
+    *pitch = 12.0 * sin(2.0 * kPi * t / 5.0 + 0.5);
+    *roll = 6.0 * sin(2.0 * kPi * t / 11.0 + 1.0);
+}
+
+// Unit quaternion (x, y, z, w) of intrinsic yaw (about y), pitch (about x), roll (about z).
+void quaternionFromPose(double yawDeg, double pitchDeg, double rollDeg, float out[4]) {
+    const double toRad = kPi / 180.0;
+    double cy = cos(yawDeg * toRad / 2), sy = sin(yawDeg * toRad / 2);
+    double cp = cos(pitchDeg * toRad / 2), sp = sin(pitchDeg * toRad / 2);
+    double cr = cos(rollDeg * toRad / 2), sr = sin(rollDeg * toRad / 2);
+    out[0] = static_cast<float>(cy * sp * cr + sy * cp * sr);
+    out[1] = static_cast<float>(sy * cp * cr - cy * sp * sr);
+    out[2] = static_cast<float>(cy * cp * sr - sy * sp * cr);
+    out[3] = static_cast<float>(cy * cp * cr + sy * sp * sr);
+}
+
+int64_t nowNs() {
+    return systemTime(SYSTEM_TIME_MONOTONIC);
+}
+
+}  // namespace
+
+TovarinFacade::TovarinFacade() : TovarinFacade(Options()) {}
+
+TovarinFacade::TovarinFacade(const Options& options)
+    : mTrackerCount(std::clamp<int32_t>(options.trackerCount, 1, kMaxTrackers)),
+      mEpochNs(nowNs()) {
+    mEnabled = options.enabled;
+    mReportedEnabled = mEnabled;
+    mRawFrameRateHz = std::clamp(options.rawFrameRateHz, kMinFrameRateHz, kMaxFrameRateHz);
+    mTrackers.resize(static_cast<size_t>(mTrackerCount));
+    mReportedState = trackingStateLocked();
+    mStateThread = std::thread(&TovarinFacade::stateDeliveryLoop, this);
+    mRawThread = std::thread(&TovarinFacade::rawDeliveryLoop, this);
+}
+
+TovarinFacade::~TovarinFacade() {
+    shutdown();
+}
+
+void TovarinFacade::shutdown() {
+    std::deque<PendingStateChange> dropped;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        mShutdown = true;
+        dropped.swap(mPendingStateChanges);
+    }
+    mStateCond.notify_all();
+    mRawCond.notify_all();
+    mDeliveredCond.notify_all();
+    for (std::thread* thread : {&mStateThread, &mRawThread}) {
+        if (thread->joinable() && thread->get_id() != std::this_thread::get_id()) thread->join();
+    }
+    // The listener references of undelivered events are released here, without the lock.
+}
+
+// ---------------------------------------------------------------------------------------------
+// Listeners
+// ---------------------------------------------------------------------------------------------
+
+status_t TovarinFacade::registerRawDataListener(sp<RawDataListener> listener) {
+    if (listener == nullptr) return BAD_VALUE;
+    int32_t handle;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        handle = mNextRawListenerHandle++;
+    }
+    // The listener's own operations run without the lock: they may be anybody's code.
+    listener->setHandle(handle);
+    listener->updateRegistrationTimestamp();
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        mRawListeners[handle] = listener;
+    }
+    mRawCond.notify_all();
+    return OK;
+}
+
+void TovarinFacade::unregisterRawDataListener(sp<RawDataListener> listener) {
+    if (listener == nullptr) return;
+    const int32_t handle = listener->getHandle();
+    sp<RawDataListener> removed;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        auto it = mRawListeners.find(handle);
+        if (it == mRawListeners.end()) return;
+        removed = std::move(it->second);
+        mRawListeners.erase(it);
+    }
+    // removed is released here, without the lock.
+}
+
+status_t TovarinFacade::registerStateChangeListener(sp<StateChangeListener> listener) {
+    if (listener == nullptr) return BAD_VALUE;
+    int32_t handle;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        handle = mNextStateListenerHandle++;
+    }
+    listener->setHandle(handle);
+    listener->updateRegistrationTimestamp();
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        mStateListeners[handle] = listener;
+    }
+    return OK;
+}
+
+void TovarinFacade::unregisterStateChangeListener(sp<StateChangeListener> listener) {
+    if (listener == nullptr) return;
+    const int32_t handle = listener->getHandle();
+    sp<StateChangeListener> removed;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        auto it = mStateListeners.find(handle);
+        if (it == mStateListeners.end()) return;
+        removed = std::move(it->second);
+        mStateListeners.erase(it);
+    }
+}
+
+size_t TovarinFacade::getStateChangeListenerCount() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mStateListeners.size();
+}
+
+size_t TovarinFacade::getRawDataListenerCount() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mRawListeners.size();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Enabled and tracking state
+// ---------------------------------------------------------------------------------------------
+
+void TovarinFacade::setEnabledState(int enabled) {
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        const bool enable = enabled != 0;
+        if (enable == mEnabled) return;
+        mEnabled = enable;
+        if (!enable) {
+            for (Tracker& tracker : mTrackers) {
+                if (tracker.state == STARTED) tracker.state = STANDBY;
+            }
+        }
+        noteStateLocked();
+    }
+    mRawCond.notify_all();
+}
+
+bool TovarinFacade::getEnabled() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mEnabled;
+}
+
+int32_t TovarinFacade::getHardwareState() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    if (!mEnabled) return HARDWARE_OFF;
+    if (!mRawListeners.empty()) return HARDWARE_STREAMING;
+    for (const Tracker& tracker : mTrackers) {
+        if (tracker.state == STARTED) return HARDWARE_STREAMING;
+    }
+    return HARDWARE_IDLE;
+}
+
+HeadTrackingState TovarinFacade::getHeadTrackingState() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return trackingStateLocked();
+}
+
+HeadTrackingState TovarinFacade::trackingStateLocked() const {
+    HeadTrackingState state;
+    bool started = false;
+    bool standby = false;
+    for (const Tracker& tracker : mTrackers) {
+        started = started || tracker.state == STARTED;
+        standby = standby || tracker.state == STANDBY;
+    }
+    state.primary = started ? TRACKING_ACTIVE : (standby ? TRACKING_STANDBY : TRACKING_IDLE);
+    state.secondary = mEnabled ? AVAILABILITY_READY : AVAILABILITY_DISABLED;
+    return state;
+}
+
+void TovarinFacade::noteStateLocked() {
+    const HeadTrackingState state = trackingStateLocked();
+    if (state.primary == mReportedState.primary && state.secondary == mReportedState.secondary &&
+        mEnabled == mReportedEnabled) {
+        return;
+    }
+    mReportedState = state;
+    mReportedEnabled = mEnabled;
+    if (mShutdown) return;
+
+    PendingStateChange change;
+    change.sequence = ++mQueuedSequence;
+    change.event.timestamp = nowNs();
+    change.event.flag = mEnabled;
+    change.event.state = state;
+    change.listeners.assign(mStateListeners.begin(), mStateListeners.end());
+    if (mPendingStateChanges.size() >= kMaxPendingStateChanges) {
+        // Dropping the front releases listener references under the lock; they are still held
+        // by the registration map, so no listener is destroyed here.
+        mPendingStateChanges.pop_front();
+        if (TovarinLogger::getInstance()->shouldLog(kLogTag, 5)) {
+            rendel_log_write2(5, &sLogState, 2, kLogTag, "state change queue full, dropped one");
+        }
+    }
+    mPendingStateChanges.push_back(std::move(change));
+    mStateCond.notify_one();
+}
+
+void TovarinFacade::stateDeliveryLoop() {
+    std::unique_lock<std::mutex> lock(mLock);
+    for (;;) {
+        mStateCond.wait(lock, [this] { return mShutdown || !mPendingStateChanges.empty(); });
+        if (mShutdown) return;
+        PendingStateChange change = std::move(mPendingStateChanges.front());
+        mPendingStateChanges.pop_front();
+
+        // Only listeners that are still registered under the same handle hear of the change.
+        std::vector<sp<StateChangeListener>> targets;
+        targets.reserve(change.listeners.size());
+        for (const auto& [handle, listener] : change.listeners) {
+            auto it = mStateListeners.find(handle);
+            if (it != mStateListeners.end() && it->second == listener) targets.push_back(listener);
+        }
+        const uint64_t sequence = change.sequence;
+        lock.unlock();
+
+        for (const sp<StateChangeListener>& listener : targets) listener->onEvent(change.event);
+        targets.clear();
+        change.listeners.clear();
+
+        lock.lock();
+        mDeliveredSequence = sequence;
+        mDeliveredCond.notify_all();
+    }
+}
+
+bool TovarinFacade::waitForStateChangeDelivery(int64_t timeoutMs) const {
+    std::unique_lock<std::mutex> lock(mLock);
+    const uint64_t target = mQueuedSequence;
+    return mDeliveredCond.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
+        return mShutdown || mDeliveredSequence >= target;
+    });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Trackers
+// ---------------------------------------------------------------------------------------------
+
+TovarinFacade::Tracker* TovarinFacade::findTrackerLocked(const HeadTrackerHandle& handle) {
+    if (handle.id < 0 || handle.id >= mTrackerCount) return nullptr;
+    Tracker& tracker = mTrackers[static_cast<size_t>(handle.id)];
+    return tracker.state == FREE ? nullptr : &tracker;
+}
+
+const TovarinFacade::Tracker* TovarinFacade::findTrackerLocked(
+        const HeadTrackerHandle& handle) const {
+    return const_cast<TovarinFacade*>(this)->findTrackerLocked(handle);
+}
+
+HeadTrackerHandle TovarinFacade::getHeadTrackerHandle() {
+    HeadTrackerHandle handle;
+    std::lock_guard<std::mutex> lock(mLock);
+    for (int32_t id = 0; id < mTrackerCount; ++id) {
+        Tracker& tracker = mTrackers[static_cast<size_t>(id)];
+        if (tracker.state != FREE) continue;
+        tracker = Tracker();
+        tracker.state = STOPPED;
+        handle.id = id;
+        break;
+    }
+    return handle;
+}
+
+void TovarinFacade::releaseHeadTrackerHandle(const HeadTrackerHandle& handle) {
+    std::lock_guard<std::mutex> lock(mLock);
+    Tracker* tracker = findTrackerLocked(handle);
+    if (tracker == nullptr) return;
+    *tracker = Tracker();
+    noteStateLocked();
+}
+
+status_t TovarinFacade::start(const HeadTrackerHandle& handle) {
+    std::lock_guard<std::mutex> lock(mLock);
+    Tracker* tracker = findTrackerLocked(handle);
+    if (tracker == nullptr) return BAD_VALUE;
+    if (!mEnabled) return INVALID_OPERATION;
+    tracker->state = STARTED;
+    noteStateLocked();
+    return OK;
+}
+
+status_t TovarinFacade::stop(const HeadTrackerHandle& handle) {
+    std::lock_guard<std::mutex> lock(mLock);
+    Tracker* tracker = findTrackerLocked(handle);
+    if (tracker == nullptr) return BAD_VALUE;
+    tracker->state = STOPPED;
+    noteStateLocked();
+    return OK;
+}
+
+status_t TovarinFacade::standby(const HeadTrackerHandle& handle) {
+    std::lock_guard<std::mutex> lock(mLock);
+    Tracker* tracker = findTrackerLocked(handle);
+    if (tracker == nullptr) return BAD_VALUE;
+    if (tracker->state == STOPPED) return INVALID_OPERATION;
+    tracker->state = STANDBY;
+    noteStateLocked();
+    return OK;
+}
+
+status_t TovarinFacade::setConfiguration(const HeadTrackerHandle& handle,
+                                         const HeadTrackingConfiguration& config) {
+    std::lock_guard<std::mutex> lock(mLock);
+    Tracker* tracker = findTrackerLocked(handle);
+    if (tracker == nullptr) return BAD_VALUE;
+    if (config.fidelity < 0 || config.fidelity > kMaxFidelity || config.filter < 0 ||
+        config.filter > kMaxFilter) {
+        return BAD_VALUE;
+    }
+    tracker->configuration = config;
+    return OK;
+}
+
+status_t TovarinFacade::setPid(const HeadTrackerHandle& handle, int pid) {
+    std::lock_guard<std::mutex> lock(mLock);
+    Tracker* tracker = findTrackerLocked(handle);
+    if (tracker == nullptr) return BAD_VALUE;
+    tracker->pid = pid;
+    return OK;
+}
+
+bool TovarinFacade::getTrackerInfo(int32_t id, TrackerInfo* out) const {
+    if (out == nullptr || id < 0 || id >= mTrackerCount) return false;
+    std::lock_guard<std::mutex> lock(mLock);
+    const Tracker& tracker = mTrackers[static_cast<size_t>(id)];
+    out->id = id;
+    out->state = tracker.state;
+    out->pid = tracker.pid;
+    out->configuration = tracker.configuration;
+    return true;
+}
+
+status_t TovarinFacade::sample(const HeadTrackerHandle& handle, HeadTrackingEvent& event) const {
+    HeadTrackingConfiguration config;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        const Tracker* tracker = findTrackerLocked(handle);
+        if (tracker == nullptr) return BAD_VALUE;
+        if (tracker->state != STARTED) return INVALID_OPERATION;
+        config = tracker->configuration;
+    }
+    fillSample(handle.id, config, nowNs(), &event);
+    return OK;
+}
+
+// The synthetic head: a slow smooth motion (periods of several seconds, at most about 24 degrees
+// per second of yaw), shifted in phase per tracker. The filter setting decides how much fast
+// jitter is left on top (0: about half a degree, 1: a tenth, 2: none); fidelity raises the
+// confidence.
+void TovarinFacade::fillSample(int32_t trackerId, const HeadTrackingConfiguration& config,
+                               int64_t timeNs, HeadTrackingEvent* event) const {
+    const double t = static_cast<double>(timeNs - mEpochNs) / 1e9 + 0.7 * trackerId;
+    double yaw, pitch, roll;
+    poseAt(t, &yaw, &pitch, &roll);
+    const double jitterAmplitude = config.filter == 0 ? 0.5 : (config.filter == 1 ? 0.1 : 0.0);
+    const double jitter = jitterAmplitude * sin(2.0 * kPi * 7.3 * t);
+    const double confidence =
+            std::min(1.0, 0.80 + 0.05 * config.fidelity + 0.04 * sin(2.0 * kPi * t / 3.0));
+
+    event->timestamp = timeNs;
+    event->component0 = static_cast<float>(yaw + jitter);
+    event->component1 = static_cast<float>(pitch + jitter);
+    event->component2 = static_cast<float>(roll);
+    event->flag0 = true;                // the pose is valid
+    event->flag1 = confidence >= 0.85;  // the pose is of high confidence
+    event->scalar = static_cast<float>(confidence);
+    memset(event->text, 0, sizeof(event->text));
+    strncpy(event->text, "simulated", sizeof(event->text) - 1);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Raw data
+// ---------------------------------------------------------------------------------------------
+
+status_t TovarinFacade::setRawFrameRate(double hz) {
+    if (!(hz >= kMinFrameRateHz && hz <= kMaxFrameRateHz)) return BAD_VALUE;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        mRawFrameRateHz = hz;
+    }
+    mRawCond.notify_all();
+    return OK;
+}
+
+double TovarinFacade::getRawFrameRate() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mRawFrameRateHz;
+}
+
+// A dark moving diagonal gradient with a bright disc (the head) that follows the synthetic yaw
+// and pitch.
+void TovarinFacade::renderFrame(int64_t frameIndex, int64_t timeNs, unsigned char* pixels) const {
+    const double t = static_cast<double>(timeNs - mEpochNs) / 1e9;
+    double yaw, pitch, roll;
+    poseAt(t, &yaw, &pitch, &roll);
+    const int cx = kFrameWidth / 2 + static_cast<int>(yaw * 6.0);
+    const int cy = kFrameHeight / 2 - static_cast<int>(pitch * 8.0);
+    const int radius = 60;
+    const int shift = static_cast<int>(frameIndex % 256) * 2;
+    for (int y = 0; y < kFrameHeight; ++y) {
+        unsigned char* row = pixels + static_cast<size_t>(y) * kFrameWidth;
+        const int dy = y - cy;
+        for (int x = 0; x < kFrameWidth; ++x) {
+            const int dx = x - cx;
+            row[x] = dx * dx + dy * dy <= radius * radius
+                             ? 230
+                             : static_cast<unsigned char>(((x + y + shift) & 0xff) >> 2);
+        }
+    }
+}
+
+void TovarinFacade::rawDeliveryLoop() {
+    std::vector<unsigned char> pixels(static_cast<size_t>(kFrameWidth) * kFrameHeight);
+    int64_t frameIndex = 0;
+    std::unique_lock<std::mutex> lock(mLock);
+    for (;;) {
+        mRawCond.wait(lock, [this] { return mShutdown || (mEnabled && !mRawListeners.empty()); });
+        if (mShutdown) return;
+
+        std::vector<sp<RawDataListener>> targets;
+        targets.reserve(mRawListeners.size());
+        for (const auto& entry : mRawListeners) targets.push_back(entry.second);
+        const double rateHz = mRawFrameRateHz;
+        lock.unlock();
+
+        const auto frameStart = std::chrono::steady_clock::now();
+        const int64_t timeNs = nowNs();
+        renderFrame(frameIndex, timeNs, pixels.data());
+
+        RawDataEvent event;
+        event.timestamp = timeNs;
+        CameraFrameEvent& frame = event.cameraFrameEvent;
+        frame.timestamp = timeNs;
+        frame.tag = frameIndex;
+        frame.data = pixels.data();
+        frame.width = kFrameWidth;
+        frame.height = kFrameHeight;
+        frame.settings.settingsA[0] = 8000;  // exposure, microseconds
+        frame.settings.settingsA[1] = 100;   // gain, percent
+        frame.settings.settingsFlag = true;  // automatic exposure
+        SensorData gyro;
+        gyro.timestamp = timeNs;
+        gyro.tag = frameIndex;
+        gyro.code = 1;
+        frame.sensorData.push_back(gyro);
+
+        HeadTrackingConfiguration defaults;
+        fillSample(0, defaults, timeNs, &event.headTrackingEvent0);
+        // The second result is the pose predicted 50 ms ahead.
+        fillSample(0, defaults, timeNs + 50000000, &event.headTrackingEvent1);
+        event.headTrackingEvent1.timestamp = timeNs;
+        HeadLocation& head = event.headLocation0;
+        head.flag0 = true;
+        head.value = 1;
+        quaternionFromPose(event.headTrackingEvent0.component0,
+                           event.headTrackingEvent0.component1,
+                           event.headTrackingEvent0.component2, head.orientation);
+
+        for (const sp<RawDataListener>& listener : targets) listener->onEvent(event);
+        targets.clear();
+        ++frameIndex;
+
+        const auto period = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                std::chrono::duration<double>(1.0 / rateHz));
+        lock.lock();
+        // Sleep out the rest of the period; a rate change or shutdown ends the wait early.
+        mRawCond.wait_until(lock, frameStart + period, [this, rateHz] {
+            return mShutdown || mRawFrameRateHz != rateHz;
+        });
+    }
+}
+
+}  // namespace tovarin
+}  // namespace morvel
