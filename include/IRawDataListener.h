@@ -16,7 +16,7 @@
 #include <tovarin/RawDataEvent.h>
 #include <tovarin/TovarinListener.h>
 
-#include "CameraFrameEventParceler.h"
+#include "RawDataEventParceler.h"
 
 namespace morvel {
 namespace tovarin {
@@ -72,7 +72,9 @@ public:
 
 private:
     android::sp<RawDataListener> mListener;
-    CameraFrameEventParceler mParceler;
+    // The reader of incoming events; its only state is the camera frame reader that owns the
+    // receive buffer of frame pixels.
+    RawDataEventParceler mParceler;
 };
 
 }  // namespace binder
