@@ -4,6 +4,7 @@
  *
  *   tovarind [--trackers N] [--raw-rate HZ] [--disabled]
  */
+#include "ITovarinDebug.h"
 #include "ITovarinService.h"
 
 #include <binder/IPCThreadState.h>
@@ -23,7 +24,9 @@ using android::sp;
 using android::status_t;
 using android::String16;
 using morvel::tovarin::TovarinFacade;
+using morvel::tovarin::binder::BnTovarinDebug;
 using morvel::tovarin::binder::BnTovarinService;
+using morvel::tovarin::binder::ITovarinDebug;
 using morvel::tovarin::binder::ITovarinService;
 
 namespace {
@@ -59,6 +62,10 @@ int main(int argc, char** argv) {
                 status);
         return 1;
     }
+
+    // The debug interface over this process's overrides and diagnostics stores.
+    defaultServiceManager()->addService(String16(ITovarinDebug::SERVICE_NAME),
+                                        new BnTovarinDebug());
 
     ProcessState::self()->startThreadPool();
     printf("tovarind: serving %s\n", ITovarinService::SERVICE_NAME);
