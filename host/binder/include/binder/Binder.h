@@ -20,8 +20,9 @@ public:
     virtual status_t pingBinder();
     virtual status_t dump(int fd, const Vector<String16>& args);
 
-    // Rewinds `data` to position 0, runs onTransact() (PING_TRANSACTION answers NO_ERROR
-    // without it) and, for a synchronous call, rewinds `reply` to position 0.
+    // Rewinds `data` to position 0 and runs onTransact(), except for PING_TRANSACTION, which
+    // writes pingBinder()'s status (an int32) to `reply` when there is one. Whenever `reply` is
+    // given it is rewound to position 0 afterwards, ready to be read.
     virtual status_t transact(uint32_t code, const Parcel& data, Parcel* reply,
                               uint32_t flags = 0) final;
 
@@ -47,7 +48,8 @@ protected:
 
     // Default handling of the platform's own codes: INTERFACE_TRANSACTION writes the
     // descriptor, DUMP_TRANSACTION reads an fd and String16 arguments and calls dump(),
-    // SHELL_COMMAND_TRANSACTION reads its fds and arguments; any other code answers
+    // SHELL_COMMAND_TRANSACTION consumes its fds, arguments and binders and answers NO_ERROR
+    // without running anything, SYSPROPS_TRANSACTION answers NO_ERROR; any other code answers
     // UNKNOWN_TRANSACTION.
     virtual status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply,
                                 uint32_t flags = 0);

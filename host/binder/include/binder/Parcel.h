@@ -177,12 +177,20 @@ private:
     status_t finishWrite(size_t len);
     void releaseObjects();
     void acquireObjects();
+    // Makes room for `len` more bytes at the current position.
     status_t growData(size_t len);
-    status_t restartWrite(size_t desired);
     status_t continueWrite(size_t desired);
+    status_t growObjects();
     void freeDataNoInit();
     void initState();
     void scanForFds() const;
+    void sortObjects() const;
+    // The flat object recorded at `offset` (a copy: objects need not be 8-byte aligned).
+    flat_binder_object objectAt(size_t offset) const;
+    // PERMISSION_DENIED when raw bytes [mDataPos, upperBound) overlap a recorded object.
+    status_t validateReadData(size_t upperBound) const;
+    // Whether `offset` is recorded in the object table.
+    bool isObjectOffset(size_t offset) const;
 
     template <class T>
     status_t readAligned(T* pArg) const;
@@ -196,15 +204,18 @@ private:
     size_t mDataSize;
     size_t mDataCapacity;
     mutable size_t mDataPos;
+    // Offsets of the flat objects in mData. Owned (and mutable) unless mOwner is set.
     binder_size_t* mObjects;
     size_t mObjectsSize;
     size_t mObjectsCapacity;
-    mutable size_t mNextObjectHint;
     mutable bool mObjectsSorted;
 
     mutable bool mFdsKnown;
     mutable bool mHasFds;
     bool mAllowFds;
+
+    // readObject() hands out a pointer to this copy of the object it read.
+    mutable flat_binder_object mLastObject;
 
     release_func mOwner;
     void* mOwnerCookie;
