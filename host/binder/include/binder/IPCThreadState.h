@@ -1,0 +1,116 @@
+/*
+ * hostbinder: IPCThreadState, the per-thread side of the binder runtime. Each thread that
+ * makes or serves calls has its own connection to the runtime instance; a thread waiting for a
+ * reply also serves calls that come back to its process from the call it is waiting on.
+ */
+#pragma once
+
+#include <binder/Parcel.h>
+#include <binder/ProcessState.h>
+#include <utils/Errors.h>
+#include <utils/Vector.h>
+
+#include <sys/types.h>
+
+namespace android {
+
+namespace hostbinder {
+class ThreadConnection;
+struct InboundFrame;
+}  // namespace hostbinder
+
+class IPCThreadState {
+public:
+    static IPCThreadState* self();
+    static IPCThreadState* selfOrNull();
+
+    sp<ProcessState> process();
+
+    status_t clearLastError();
+
+    // The pid and uid of the process whose call this thread is serving, as the kernel reported
+    // them for its connection; outside a call, this process's own.
+    pid_t getCallingPid() const;
+    const char* getCallingSid() const;
+    uid_t getCallingUid() const;
+
+    void setStrictModePolicy(int32_t policy);
+    int32_t getStrictModePolicy() const;
+
+    int64_t setCallingWorkSourceUid(uid_t uid);
+    int64_t setCallingWorkSourceUidWithoutPropagation(uid_t uid);
+    uid_t getCallingWorkSourceUid() const;
+    int64_t clearCallingWorkSource();
+    void restoreCallingWorkSource(int64_t token);
+    void clearPropagateWorkSource();
+    bool shouldPropagateWorkSource() const;
+
+    void setLastTransactionBinderFlags(int32_t flags);
+    int32_t getLastTransactionBinderFlags() const;
+
+    // Makes this thread's identity the caller's identity until restoreCallingIdentity(token).
+    int64_t clearCallingIdentity();
+    void restoreCallingIdentity(int64_t token);
+
+    int setupPolling(int* fd);
+    status_t handlePolledCommands();
+    void flushCommands();
+
+    // Serves calls on this thread until the runtime connection ends.
+    void joinThreadPool(bool isMain = true);
+
+    void stopProcess(bool immediate = true);
+
+    status_t transact(int32_t handle, uint32_t code, const Parcel& data, Parcel* reply,
+                      uint32_t flags);
+
+    void incStrongHandle(int32_t handle, BpBinder* proxy);
+    void decStrongHandle(int32_t handle);
+    void incWeakHandle(int32_t handle, BpBinder* proxy);
+    void decWeakHandle(int32_t handle);
+    status_t attemptIncStrongHandle(int32_t handle);
+    static void expungeHandle(int32_t handle, IBinder* binder);
+    status_t requestDeathNotification(int32_t handle, BpBinder* proxy);
+    status_t clearDeathNotification(int32_t handle, BpBinder* proxy);
+
+    static void shutdown();
+
+    static void disableBackgroundScheduling(bool disable);
+    bool backgroundSchedulingDisabled();
+
+    void blockUntilThreadAvailable();
+
+    static void freeBuffer(Parcel* parcel, const uint8_t* data, size_t dataSize,
+                           const binder_size_t* objects, size_t objectsSize, void* cookie);
+
+    static const int32_t kUnsetWorkSource = -1;
+
+    // Frees a thread's state when the thread ends.
+    static void threadDestructor(void* st);
+
+    // ---- hostbinder's own ------------------------------------------------------------------
+    // Returns `count` deliveries of `handle` to the runtime (the proxy for it is gone).
+    void releaseHandle(int32_t handle, uint64_t count);
+
+private:
+    IPCThreadState();
+    ~IPCThreadState();
+
+    status_t ensureConnected();
+    status_t waitForResponse(Parcel* reply, uint32_t wantType, int32_t* outValue);
+    status_t executeCommand(hostbinder::InboundFrame& frame);
+    status_t executeTransaction(hostbinder::InboundFrame& frame);
+
+    const sp<ProcessState> mProcess;
+    hostbinder::ThreadConnection* mConnection;
+    status_t mLastError;
+    pid_t mCallingPid;
+    uid_t mCallingUid;
+    int32_t mWorkSource;
+    bool mPropagateWorkSource;
+    int32_t mStrictModePolicy;
+    int32_t mLastTransactionBinderFlags;
+    bool mIsLooper;
+};
+
+}  // namespace android
