@@ -66,7 +66,9 @@ TovarinFacade::TovarinFacade(const Options& options)
       mEpochNs(nowNs()) {
     mEnabled = options.enabled;
     mReportedEnabled = mEnabled;
-    mRawFrameRateHz = std::clamp(options.rawFrameRateHz, kMinFrameRateHz, kMaxFrameRateHz);
+    const double rate = isnan(options.rawFrameRateHz) ? Options().rawFrameRateHz
+                                                       : options.rawFrameRateHz;
+    mRawFrameRateHz = std::clamp(rate, kMinFrameRateHz, kMaxFrameRateHz);
     mTrackers.resize(static_cast<size_t>(mTrackerCount));
     mReportedState = trackingStateLocked();
     mStateThread = std::thread(&TovarinFacade::stateDeliveryLoop, this);
@@ -88,7 +90,12 @@ void TovarinFacade::shutdown() {
     mRawCond.notify_all();
     mDeliveredCond.notify_all();
     for (std::thread* thread : {&mStateThread, &mRawThread}) {
-        if (thread->joinable() && thread->get_id() != std::this_thread::get_id()) thread->join();
+        if (!thread->joinable()) continue;
+        if (thread->get_id() == std::this_thread::get_id()) {
+            thread->detach();  // called from a callback: the thread ends when it returns
+        } else {
+            thread->join();
+        }
     }
     // The listener references of undelivered events are released here, without the lock.
 }

@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <atomic>
 #include <errno.h>
 #include <vector>
@@ -185,7 +186,9 @@ int rendel_log_write2(int level, int32_t* moduleState, int kind, const char* tag
     __android_logger_data data = {};
     data.struct_size = sizeof(data);
     data.buffer_id = -1;
-    data.priority = level;
+    // liblog knows priorities 2 (verbose) to 7 (fatal) only.
+    data.priority = std::clamp(level, static_cast<int>(ANDROID_LOG_VERBOSE),
+                               static_cast<int>(ANDROID_LOG_FATAL));
     data.tag = tag;
     __android_log_write_logger_data(&data, text);
 
