@@ -1,0 +1,229 @@
+// The shared frame ring: slot sizing, key lookup, ring order, serialisation, failed slots.
+//
+// The ring is a process-wide singleton sized once, so scenarios that need a fresh one run in a
+// child process of their own (EXPECT_EXIT with the re-executing death test style); the rest
+// share this process's ring, built at the default size.
+
+#include <CameraFrameEventParceler.h>
+#include <IMemoryMap.h>
+
+#include <binder/IMemory.h>
+#include <binder/Parcel.h>
+#include <gtest/gtest.h>
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <set>
+#include <thread>
+#include <vector>
+
+using android::IMemory;
+using android::IMemoryHeap;
+using android::OK;
+using android::Parcel;
+using android::sp;
+
+namespace morvel::tovarin::binder {
+namespace {
+
+constexpr size_t kDefaultSlot = 320000;
+
+std::vector<unsigned char> pattern(unsigned seed, size_t size = kDefaultSlot) {
+    std::vector<unsigned char> bytes(size);
+    for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<unsigned char>(seed * 13 + i * 5);
+    return bytes;
+}
+
+bool holds(const sp<IMemory>& memory, const std::vector<unsigned char>& bytes) {
+    return memory != nullptr && memory->size() >= bytes.size() &&
+           memcmp(memory->pointer(), bytes.data(), bytes.size()) == 0;
+}
+
+// Keys no other test of this process has used.
+int64_t freshKey() {
+    static std::atomic<int64_t> next{1000};
+    return next++;
+}
+
+IMemoryMap* sharedRing() {
+    return IMemoryMap::getInstance();  // never preceded by setFilesize in this process
+}
+
+// Runs `scenario` in a child process with a fresh ring; the child reports failures on stderr.
+#define IN_FRESH_PROCESS(scenario)                                                        \
+    do {                                                                                  \
+        GTEST_FLAG_SET(death_test_style, "threadsafe");                                   \
+        EXPECT_EXIT(                                                                      \
+                {                                                                         \
+                    const char* failure = (scenario)();                                   \
+                    if (failure != nullptr) fprintf(stderr, "FAILED: %s\n", failure);     \
+                    _exit(failure == nullptr ? 0 : 1);                                    \
+                },                                                                        \
+                ::testing::ExitedWithCode(0), "");                                        \
+    } while (0)
+
+#define CHECK_OR_RETURN(condition) \
+    if (!(condition)) return #condition
+
+TEST(IMemoryMapTest, DefaultSlotsAre320000BytesInOneHeap) {
+    std::vector<unsigned char> data = pattern(1);
+    const sp<IMemory> memory = sharedRing()->getMemoryWithData(freshKey(), data.data());
+    ASSERT_NE(nullptr, memory);
+    EXPECT_EQ(kDefaultSlot, memory->size());
+    ssize_t offset = -1;
+    size_t size = 0;
+    const sp<IMemoryHeap> heap = memory->getMemory(&offset, &size);
+    ASSERT_NE(nullptr, heap);
+    // The heap is 6 slots, rounded up to whole pages.
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    EXPECT_EQ((6 * kDefaultSlot + page - 1) / page * page, heap->getSize());
+    EXPECT_TRUE(holds(memory, data));
+}
+
+TEST(IMemoryMapTest, SameKeyReturnsTheSameSlotWithoutCopying) {
+    const int64_t key = freshKey();
+    std::vector<unsigned char> data = pattern(2);
+    const sp<IMemory> first = sharedRing()->getMemoryWithData(key, data.data());
+    std::vector<unsigned char> changed = pattern(3);
+    const sp<IMemory> second = sharedRing()->getMemoryWithData(key, changed.data());
+    EXPECT_EQ(first, second);
+    EXPECT_TRUE(holds(second, data));
+}
+
+TEST(IMemoryMapTest, SeventhKeyReusesTheFirstSlotAndAnEvictedKeyIsCopiedAgain) {
+    std::vector<sp<IMemory>> slots;
+    std::vector<int64_t> keys;
+    std::vector<std::vector<unsigned char>> frames;
+    for (int i = 0; i < 7; ++i) {
+        keys.push_back(freshKey());
+        frames.push_back(pattern(10 + i));
+        slots.push_back(sharedRing()->getMemoryWithData(keys.back(), frames.back().data()));
+        ASSERT_NE(nullptr, slots.back());
+    }
+    EXPECT_EQ(6u, std::set<sp<IMemory>>(slots.begin(), slots.begin() + 6).size());
+    EXPECT_EQ(slots[0], slots[6]);
+    for (int i = 1; i < 7; ++i) EXPECT_TRUE(holds(slots[i], frames[i])) << i;
+
+    // The first key was overwritten: it is copied again, into the next slot of the ring.
+    std::vector<unsigned char> again = pattern(30);
+    const sp<IMemory> reloaded = sharedRing()->getMemoryWithData(keys[0], again.data());
+    EXPECT_EQ(slots[1], reloaded);
+    EXPECT_TRUE(holds(reloaded, again));
+}
+
+TEST(IMemoryMapTest, LaterSetFilesizeChangesNeitherSlotsNorCopyLength) {
+    sharedRing();
+    IMemoryMap::setFilesize(1000);
+    std::vector<unsigned char> data = pattern(40);
+    const sp<IMemory> memory = sharedRing()->getMemoryWithData(freshKey(), data.data());
+    ASSERT_NE(nullptr, memory);
+    EXPECT_EQ(kDefaultSlot, memory->size());
+    EXPECT_TRUE(holds(memory, data));  // the last byte too
+    IMemoryMap::setFilesize(static_cast<int>(kDefaultSlot));
+}
+
+// Releases its threads together, round after round.
+class SpinBarrier {
+public:
+    explicit SpinBarrier(int count) : mCount(count) {}
+    void wait() {
+        const int generation = mGeneration.load();
+        if (mWaiting.fetch_add(1) + 1 == mCount) {
+            mWaiting.store(0);
+            mGeneration.fetch_add(1);
+            return;
+        }
+        while (mGeneration.load() == generation) std::this_thread::yield();
+    }
+
+private:
+    const int mCount;
+    std::atomic<int> mWaiting{0};
+    std::atomic<int> mGeneration{0};
+};
+
+TEST(IMemoryMapTest, ConcurrentWritersNeverShareASlot) {
+    // Two writers store distinct frames at the same moment, round after round: each must get a
+    // slot of its own holding its own frame.
+    constexpr int kRounds = 3000;
+    const std::vector<unsigned char> frames[2] = {pattern(101), pattern(102)};
+    sp<IMemory> got[2];
+    int failures = 0;
+    SpinBarrier barrier(2);
+    auto writer = [&](int t) {
+        for (int round = 0; round < kRounds; ++round) {
+            barrier.wait();
+            got[t] = sharedRing()->getMemoryWithData(2000000 + 2 * round + t,
+                                                     const_cast<unsigned char*>(frames[t].data()));
+            barrier.wait();
+            if (t == 0 && (got[0] == got[1] || !holds(got[0], frames[0]) ||
+                           !holds(got[1], frames[1]))) {
+                failures++;
+            }
+        }
+    };
+    std::thread a(writer, 0);
+    std::thread b(writer, 1);
+    a.join();
+    b.join();
+    EXPECT_EQ(0, failures);
+}
+
+TEST(IMemoryMapTest, FirstFrameFixesTheSlotSize) {
+    IN_FRESH_PROCESS([]() -> const char* {
+        IMemoryMap::setFilesize(4096);
+        IMemoryMap* ring = IMemoryMap::getInstance();
+        IMemoryMap::setFilesize(8192);
+        std::vector<unsigned char> data = pattern(1, 8192);
+        const sp<IMemory> memory = ring->getMemoryWithData(1, data.data());
+        CHECK_OR_RETURN(memory != nullptr);
+        CHECK_OR_RETURN(memory->size() == 4096);
+        CHECK_OR_RETURN(memcmp(memory->pointer(), data.data(), 4096) == 0);
+        return nullptr;
+    });
+}
+
+TEST(IMemoryMapTest, KeyZeroMatchesTheUntouchedFirstSlot) {
+    IN_FRESH_PROCESS([]() -> const char* {
+        IMemoryMap::setFilesize(4096);
+        IMemoryMap* ring = IMemoryMap::getInstance();
+        std::vector<unsigned char> data = pattern(2, 4096);
+        const sp<IMemory> zero = ring->getMemoryWithData(0, data.data());
+        CHECK_OR_RETURN(zero != nullptr);
+        const std::vector<unsigned char> zeros(4096, 0);
+        CHECK_OR_RETURN(memcmp(zero->pointer(), zeros.data(), 4096) == 0);
+        // Nothing was stored, so the ring still starts at the first slot.
+        const sp<IMemory> next = ring->getMemoryWithData(5, data.data());
+        CHECK_OR_RETURN(next == zero);
+        CHECK_OR_RETURN(memcmp(next->pointer(), data.data(), 4096) == 0);
+        return nullptr;
+    });
+}
+
+TEST(IMemoryMapTest, SlotsWithoutMemoryAreSentAsNullBinders) {
+    IN_FRESH_PROCESS([]() -> const char* {
+        // The first frame with pixels has no area: no heap can be made for the ring.
+        unsigned char pixel = 1;
+        CameraFrameEvent frame;
+        frame.data = &pixel;
+        CameraFrameEventParceler writer;
+        Parcel parcel;
+        writer.parcel(frame, parcel);
+        CHECK_OR_RETURN(IMemoryMap::getInstance()->getMemoryWithData(77, &pixel) == nullptr);
+        CHECK_OR_RETURN(parcel.objectsCount() == 0);
+        parcel.setDataPosition(0);
+        CameraFrameEvent back;
+        back.data = &pixel;
+        CameraFrameEventParceler().unparcel(back, parcel);
+        CHECK_OR_RETURN(back.data == nullptr);
+        CHECK_OR_RETURN(parcel.dataAvail() == 0);
+        return nullptr;
+    });
+}
+
+}  // namespace
+}  // namespace morvel::tovarin::binder
