@@ -124,10 +124,9 @@ IMPLEMENT_META_INTERFACE(Memory, "android.utils.IMemory")
 
 void* IMemory::fastPointer(const sp<IBinder>& binder, ssize_t offset) const {
     if (binder == nullptr || offset < 0) return nullptr;
-    if (binder->localBinder() != nullptr) {
-        sp<IMemoryHeap> heap = interface_cast<IMemoryHeap>(binder);
-        if (heap == nullptr) return nullptr;
-        void* const base = heap->getBase();
+    sp<IInterface> local = binder->queryLocalInterface(IMemoryHeap::descriptor);
+    if (local != nullptr) {
+        void* const base = static_cast<IMemoryHeap*>(local.get())->getBase();
         if (base == MAP_FAILED || base == nullptr) return nullptr;
         return static_cast<char*>(base) + offset;
     }
