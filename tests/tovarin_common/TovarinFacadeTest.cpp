@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 #include <utils/Timers.h>
 
+#include <tovarin/TovarinDiagnostics.h>
 #include <tovarin/TovarinFacade.h>
 
 namespace morvel {
@@ -263,6 +264,44 @@ TEST(TrackerConfiguration, ValidatedAndStoredPerTracker) {
     EXPECT_EQ(facade->setPid(second, 777), OK);
     ASSERT_TRUE(facade->getTrackerInfo(second.id, &other));
     EXPECT_EQ(other.pid, 777);
+}
+
+TEST(TrackerConfiguration, DiagnosticsFollowTheStateOnlyWhenAskedTo) {
+    KeyValueStore* store = TovarinDiagnostics::getInstance(TovarinDiagnostics::DEBUG);
+    store->clearAll();
+    {
+        sp<TovarinFacade> quiet = makeFacade();
+        HeadTrackerHandle handle = quiet->getHeadTrackerHandle();
+        ASSERT_EQ(quiet->start(handle), OK);
+        EXPECT_EQ(store->size(), 0u);
+    }
+    F::Options options;
+    options.publishDiagnostics = true;
+    sp<TovarinFacade> facade = makeFacade(options);
+    auto value = [&](const char* key) {
+        std::string text = "(absent)";
+        store->get(key, &text);
+        return text;
+    };
+    EXPECT_EQ(value("facade.enabled"), "1");
+    EXPECT_EQ(value("facade.trackingState"), "0,0");
+    HeadTrackerHandle first = facade->getHeadTrackerHandle();
+    HeadTrackerHandle second = facade->getHeadTrackerHandle();
+    ASSERT_EQ(facade->setPid(second, 55), OK);
+    HeadTrackingConfiguration config;
+    config.fidelity = 3;
+    ASSERT_EQ(facade->setConfiguration(second, config), OK);
+    ASSERT_EQ(facade->start(second), OK);
+    EXPECT_EQ(value("tracker.0"), "STOPPED pid -1 fidelity 2 filter 1");
+    EXPECT_EQ(value("tracker.1"), "STARTED pid 55 fidelity 3 filter 1");
+    EXPECT_EQ(value("facade.trackingState"), "2,0");
+    facade->setEnabledState(0);
+    EXPECT_EQ(value("facade.enabled"), "0");
+    EXPECT_EQ(value("tracker.1"), "STANDBY pid 55 fidelity 3 filter 1");
+    facade->releaseHeadTrackerHandle(first);
+    EXPECT_EQ(value("tracker.0"), "(absent)");
+    EXPECT_EQ(value("facade.trackingState"), "1,2");
+    store->clearAll();
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -28,16 +28,6 @@ protected:
     }
 };
 
-TEST_F(TovarinLoggerTest, LevelNames) {
-    const std::pair<const char*, int> table[] = {
-            {"V", 2}, {"D", 3}, {"I", 4}, {"W", 5}, {"E", 6}, {"F", 7}, {"S", 8}, {"d", 3},
-            {"e", 6}, {"2", 2}, {"7", 7}, {" W ", 5}, {"1", -1}, {"9", -1}, {"X", -1},
-            {"", -1}, {"DD", -1}, {"10", -1}};
-    for (const auto& [text, level] : table) {
-        EXPECT_EQ(TovarinLogger::parseLevel(text), level) << "'" << text << "'";
-    }
-}
-
 TEST_F(TovarinLoggerTest, ThresholdsPerTag) {
     struct Case {
         const char* spec;
@@ -66,6 +56,12 @@ TEST_F(TovarinLoggerTest, ThresholdsPerTag) {
             // Silence, numbers, a bare level, spaces, the last entry for a tag wins.
             {"*:S", "Any", 7, false},
             {"Loud:V,*:S", "Loud", 2, true},
+            {"*:v", "Any", 2, true},
+            {"*:f", "Any", 6, false},
+            {"*:F", "Any", 7, true},
+            {"*:X", "Any", 4, true},   // not a level: the default stays
+            {"*:1", "Any", 3, false},  // below verbose: not a level
+            {"*:DD", "Any", 3, false},
             {"*:6", "Any", 5, false},
             {"*:6", "Any", 6, true},
             {"W", "Any", 5, true},

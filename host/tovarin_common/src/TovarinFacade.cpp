@@ -5,10 +5,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <string>
 #include <utility>
 
 #include <utils/Timers.h>
 
+#include <tovarin/TovarinDiagnostics.h>
 #include <tovarin/TovarinLogger.h>
 
 namespace morvel {
@@ -63,7 +65,8 @@ TovarinFacade::TovarinFacade() : TovarinFacade(Options()) {}
 
 TovarinFacade::TovarinFacade(const Options& options)
     : mTrackerCount(std::clamp<int32_t>(options.trackerCount, 1, kMaxTrackers)),
-      mEpochNs(nowNs()) {
+      mEpochNs(nowNs()),
+      mPublishDiagnostics(options.publishDiagnostics) {
     mEnabled = options.enabled;
     mReportedEnabled = mEnabled;
     const double rate = isnan(options.rawFrameRateHz) ? Options().rawFrameRateHz
@@ -71,6 +74,7 @@ TovarinFacade::TovarinFacade(const Options& options)
     mRawFrameRateHz = std::clamp(rate, kMinFrameRateHz, kMaxFrameRateHz);
     mTrackers.resize(static_cast<size_t>(mTrackerCount));
     mReportedState = trackingStateLocked();
+    publishDiagnosticsLocked();
     mStateThread = std::thread(&TovarinFacade::stateDeliveryLoop, this);
     mRawThread = std::thread(&TovarinFacade::rawDeliveryLoop, this);
 }
@@ -229,6 +233,7 @@ HeadTrackingState TovarinFacade::trackingStateLocked() const {
 }
 
 void TovarinFacade::noteStateLocked() {
+    publishDiagnosticsLocked();
     const HeadTrackingState state = trackingStateLocked();
     if (state.primary == mReportedState.primary && state.secondary == mReportedState.secondary &&
         mEnabled == mReportedEnabled) {
@@ -284,6 +289,30 @@ void TovarinFacade::stateDeliveryLoop() {
     }
 }
 
+// The store has a lock of its own and never calls out, so it may be written under mLock.
+void TovarinFacade::publishDiagnosticsLocked() const {
+    if (!mPublishDiagnostics) return;
+    static const char* const kStateNames[] = {"FREE", "STOPPED", "STARTED", "STANDBY"};
+    TovarinDiagnostics* store = TovarinDiagnostics::getInstance(TovarinDiagnostics::DEBUG);
+    const HeadTrackingState state = trackingStateLocked();
+    store->set("facade.enabled", mEnabled ? "1" : "0");
+    store->set("facade.trackingState",
+               (std::to_string(state.primary) + "," + std::to_string(state.secondary)).c_str());
+    for (int32_t id = 0; id < mTrackerCount; ++id) {
+        const Tracker& tracker = mTrackers[static_cast<size_t>(id)];
+        const std::string key = "tracker." + std::to_string(id);
+        if (tracker.state == FREE) {
+            store->clear(key.c_str());
+            continue;
+        }
+        const std::string value = std::string(kStateNames[tracker.state]) +
+                                  " pid " + std::to_string(tracker.pid) + " fidelity " +
+                                  std::to_string(tracker.configuration.fidelity) + " filter " +
+                                  std::to_string(tracker.configuration.filter);
+        store->set(key.c_str(), value.c_str());
+    }
+}
+
 bool TovarinFacade::waitForStateChangeDelivery(int64_t timeoutMs) const {
     std::unique_lock<std::mutex> lock(mLock);
     const uint64_t target = mQueuedSequence;
@@ -316,6 +345,7 @@ HeadTrackerHandle TovarinFacade::getHeadTrackerHandle() {
         tracker = Tracker();
         tracker.state = STOPPED;
         handle.id = id;
+        publishDiagnosticsLocked();
         break;
     }
     return handle;
@@ -368,6 +398,7 @@ status_t TovarinFacade::setConfiguration(const HeadTrackerHandle& handle,
         return BAD_VALUE;
     }
     tracker->configuration = config;
+    publishDiagnosticsLocked();
     return OK;
 }
 
@@ -376,6 +407,7 @@ status_t TovarinFacade::setPid(const HeadTrackerHandle& handle, int pid) {
     Tracker* tracker = findTrackerLocked(handle);
     if (tracker == nullptr) return BAD_VALUE;
     tracker->pid = pid;
+    publishDiagnosticsLocked();
     return OK;
 }
 

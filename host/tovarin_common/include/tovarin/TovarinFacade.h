@@ -77,6 +77,10 @@ public:
         int32_t trackerCount = 4;      // 1..kMaxTrackers; out of range values are clamped
         double rawFrameRateHz = 30.0;  // raw data events per second, 0.1..240 (clamped)
         bool enabled = true;           // initial enabled state
+        // Keep the debug diagnostics store (TovarinDiagnostics::DEBUG) up to date with the
+        // facade's state: keys "facade.enabled", "facade.trackingState" and "tracker.<id>" for
+        // every held tracker. Off by default so that the store belongs to its other users.
+        bool publishDiagnostics = false;
     };
 
     struct TrackerInfo {
@@ -151,6 +155,7 @@ private:
     // Queues a state change event if the enabled or tracking state differs from the last one
     // reported.
     void noteStateLocked();
+    void publishDiagnosticsLocked() const;
     void stateDeliveryLoop();
     void rawDeliveryLoop();
     void renderFrame(int64_t frameIndex, int64_t nowNs, unsigned char* pixels) const;
@@ -159,6 +164,7 @@ private:
 
     const int32_t mTrackerCount;
     const int64_t mEpochNs;  // origin of the synthetic motion
+    const bool mPublishDiagnostics;
 
     mutable std::mutex mLock;
     std::condition_variable mStateCond;      // a state change was queued, or shutdown
