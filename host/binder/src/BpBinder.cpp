@@ -59,7 +59,8 @@ BpBinder::BpBinder(int32_t handle, int32_t trackedUid)
         mObituaries(nullptr),
         mDeathRequested(false),
         mConstantData(nullptr),
-        mTrackedUid(trackedUid) {}
+        mTrackedUid(trackedUid),
+        mGeneration(ProcessState::self()->generation()) {}
 
 BpBinder::~BpBinder() {
     delete mObituaries;
@@ -86,7 +87,7 @@ const String16& BpBinder::getInterfaceDescriptor() const {
 }
 
 bool BpBinder::isBinderAlive() const {
-    return mAlive != 0;
+    return mAlive != 0 && mGeneration == ProcessState::self()->generation();
 }
 
 status_t BpBinder::pingBinder() {
@@ -105,7 +106,13 @@ status_t BpBinder::dump(int fd, const Vector<String16>& args) {
 
 status_t BpBinder::transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
     if (mAlive == 0) return DEAD_OBJECT;
-    status_t status = IPCThreadState::self()->transact(mHandle, code, data, reply, flags);
+    IPCThreadState* ipc = IPCThreadState::self();
+    if (ipc->ensureRuntimeConnection() != NO_ERROR ||
+        mGeneration != ProcessState::self()->generation()) {
+        mAlive = 0;
+        return DEAD_OBJECT;
+    }
+    status_t status = ipc->transact(mHandle, code, data, reply, flags);
     if (status == DEAD_OBJECT) mAlive = 0;
     return status;
 }

@@ -135,7 +135,8 @@ IPCThreadState::IPCThreadState()
         mPropagateWorkSource(false),
         mStrictModePolicy(0),
         mLastTransactionBinderFlags(0),
-        mIsLooper(false) {}
+        mIsLooper(false),
+        mConnectionGeneration(0) {}
 
 IPCThreadState::~IPCThreadState() {
     delete mConnection;
@@ -255,10 +256,29 @@ bool IPCThreadState::backgroundSchedulingDisabled() {
     return false;
 }
 
+status_t IPCThreadState::ensureRuntimeConnection() {
+    if (mConnection != nullptr && !mConnection->broken() &&
+        mConnectionGeneration == mProcess->generation() && !mProcess->instanceMoved()) {
+        return NO_ERROR;
+    }
+    return ensureConnected();
+}
+
 status_t IPCThreadState::ensureConnected() {
-    if (mConnection != nullptr) return mConnection->broken() ? DEAD_OBJECT : NO_ERROR;
+    if (mConnection != nullptr && !mConnection->broken() &&
+        mConnectionGeneration == mProcess->generation()) {
+        return NO_ERROR;
+    }
     if (gShutdown) return DEAD_OBJECT;
+    if (mIsLooper && mConnection != nullptr) return DEAD_OBJECT;  // a pool thread ends with it
     if (mProcess->ensureRuntime() != NO_ERROR) return DEAD_OBJECT;
+    if (mConnection != nullptr && !mConnection->broken() &&
+        mConnectionGeneration == mProcess->generation()) {
+        return NO_ERROR;
+    }
+    delete mConnection;
+    mConnection = nullptr;
+    mConnectionGeneration = mProcess->generation();
     int fd = hostbinder::connectUnix(mProcess->socketPath().string());
     if (fd < 0) return DEAD_OBJECT;
     mConnection = new ThreadConnection(fd);

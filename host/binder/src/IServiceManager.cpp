@@ -75,8 +75,10 @@ IMPLEMENT_META_INTERFACE(ServiceManager, "android.os.IServiceManager");
 sp<IServiceManager> defaultServiceManager() {
     static Mutex sLock;
     static sp<IServiceManager> sManager;
+    // Joins the instance HOSTBINDER_SOCKET names (again, when it changed).
+    ProcessState::self()->ensureRuntime();
     Mutex::Autolock _l(sLock);
-    if (sManager == nullptr) {
+    if (sManager == nullptr || !IInterface::asBinder(sManager)->isBinderAlive()) {
         sManager = interface_cast<IServiceManager>(ProcessState::self()->getContextObject(nullptr));
     }
     return sManager;

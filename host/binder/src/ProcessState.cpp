@@ -9,7 +9,9 @@
 #include "WireSocket.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <pthread.h>
+#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -39,6 +41,7 @@ ProcessState::ProcessState(const char* /*driver*/)
       : mSocketPath(hostbinder::instanceSocketPath()),
         mRuntimeFd(-1),
         mFrameSeq(1),
+        mGeneration(0),
         mMaxThreads(15),
         mThreadPoolSeq(1),
         mThreadPoolStarted(false),
@@ -63,8 +66,38 @@ bool ProcessState::isContextManager(void) const {
 }
 
 status_t ProcessState::ensureRuntime() {
+    Vector<IBinder*> released;
+    status_t err = connectRuntime(&released);
+    // Local objects held for the instance that is gone are let go, outside every lock.
+    for (size_t i = 0; i < released.size(); i++) released[i]->decStrong(this);
+    return err;
+}
+
+status_t ProcessState::connectRuntime(Vector<IBinder*>* released) {
     Mutex::Autolock _l(mRuntimeLock);
-    if (mRuntimeFd >= 0) return NO_ERROR;
+    if (mRuntimeFd >= 0) {
+        // The runtime never writes to this connection after its hello: readable means gone.
+        pollfd pfd{mRuntimeFd, POLLIN, 0};
+        const bool moved = strcmp(hostbinder::instanceSocketPath(), mSocketPath.string()) != 0;
+        if (!moved && poll(&pfd, 1, 0) == 0) return NO_ERROR;
+        ALOGW("leaving the binder runtime at %s", mSocketPath.string());
+        close(mRuntimeFd);
+        mRuntimeFd = -1;
+        mFrameSeq = 1;
+        mGeneration.fetch_add(1, std::memory_order_release);
+        Mutex::Autolock _p(mLock);
+        for (size_t i = 0; i < mHandleToObject.size(); i++) {
+            if (mHandleToObject.valueAt(i).refs != nullptr) {
+                mHandleToObject.valueAt(i).refs->decWeak(this);
+            }
+        }
+        mHandleToObject.clear();
+        for (size_t i = 0; i < mLocalSent.size(); i++) {
+            if (mLocalSent.valueAt(i) != 0) released->add(mLocalSent.keyAt(i));
+        }
+        mLocalSent.clear();
+    }
+    mSocketPath = hostbinder::instanceSocketPath();
     int fd = hostbinder::connectUnix(mSocketPath.string());
     if (fd < 0) {
         ALOGE("cannot reach the binder runtime at %s: %s", mSocketPath.string(), strerror(-fd));
@@ -96,6 +129,11 @@ status_t ProcessState::ensureRuntime() {
     }
     mRuntimeFd = fd;
     return NO_ERROR;
+}
+
+bool ProcessState::instanceMoved() const {
+    const char* env = getenv("HOSTBINDER_SOCKET");
+    return env != nullptr && env[0] != '\0' && strcmp(env, mSocketPath.string()) != 0;
 }
 
 uint32_t ProcessState::nextFrameSeq() {

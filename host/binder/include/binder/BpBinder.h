@@ -111,6 +111,7 @@ private:
     Parcel* mConstantData;
     mutable String16 mDescriptorCache;
     int32_t mTrackedUid;
+    const uint32_t mGeneration;  // the runtime instance the handle belongs to
 };
 
 }  // namespace android

@@ -91,6 +91,8 @@ public:
     // ---- hostbinder's own ------------------------------------------------------------------
     // Returns `count` deliveries of `handle` to the runtime (the proxy for it is gone).
     void releaseHandle(int32_t handle, uint64_t count);
+    // Makes sure this thread is connected to the process's current runtime instance.
+    status_t ensureRuntimeConnection();
 
 private:
     IPCThreadState();
@@ -111,6 +113,7 @@ private:
     int32_t mStrictModePolicy;
     int32_t mLastTransactionBinderFlags;
     bool mIsLooper;
+    uint32_t mConnectionGeneration;
 };
 
 }  // namespace android

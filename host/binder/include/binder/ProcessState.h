@@ -77,8 +77,14 @@ public:
     // The runtime has dropped `count` of the references to a local object it counted.
     void localReleased(IBinder* binder, uint64_t count);
 
-    // Connects this process to the runtime instance if it is not yet (thread-safe).
+    // Connects this process to the runtime instance if it is not yet, or again when the
+    // instance it was connected to is gone (then HOSTBINDER_SOCKET is read again, and every
+    // proxy of the old instance is dead). Thread-safe.
     status_t ensureRuntime();
+    // Counts the instances this process has joined; proxies of an earlier one are dead.
+    uint32_t generation() const { return mGeneration.load(std::memory_order_acquire); }
+    // True when HOSTBINDER_SOCKET now names another instance than the one joined.
+    bool instanceMoved() const;
     // The frame number for the next frame this process sends (see WireProtocol.h).
     uint32_t nextFrameSeq();
     // Sends a frame on the process's lifetime connection.
@@ -93,6 +99,7 @@ private:
     ProcessState(const ProcessState& o);
     ProcessState& operator=(const ProcessState& o);
     String8 makeBinderThreadName();
+    status_t connectRuntime(Vector<IBinder*>* released);
 
     struct handle_entry {
         IBinder* binder;
@@ -105,6 +112,7 @@ private:
     Mutex mRuntimeLock;  // guards mRuntimeFd and writes to it
     int mRuntimeFd;
     std::atomic<uint32_t> mFrameSeq;
+    std::atomic<uint32_t> mGeneration;
     KeyedVector<int32_t, handle_entry> mHandleToObject;
     // Local objects the runtime may count references to, with the references sent and not
     // yet released: each holds one strong reference while its count is not zero.
