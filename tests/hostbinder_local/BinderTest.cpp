@@ -206,6 +206,17 @@ TEST(BBinderDefaults, DumpGetsTheFdAndArguments) {
     d.writeInt32(-7);         // and another
     EXPECT_EQ(dumper->transact(IBinder::DUMP_TRANSACTION, d, &r), NO_ERROR);
     EXPECT_LE(dumper->mArgs.size(), 2u);
+
+    // A tail too short for a count: reading it fails without moving, which must end the loop
+    // rather than add empty arguments argc times.
+    Parcel t, tr;
+    t.writeFileDescriptor(fds[1]);
+    t.writeInt32(INT32_MAX);
+    t.writeString16(String16("only"));
+    const uint8_t tail[2] = {1, 2};
+    t.writeUnpadded(tail, sizeof(tail));
+    EXPECT_EQ(dumper->transact(IBinder::DUMP_TRANSACTION, t, &tr), NO_ERROR);
+    EXPECT_EQ(dumper->mArgs, std::vector<std::string>({"only"}));
     close(fds[0]);
     close(fds[1]);
 }

@@ -335,6 +335,17 @@ TEST(ParcelRoundTrip, OwnedFdsCloseOnFreeBorrowedOnesDoNot) {
     EXPECT_EQ(noFds.objectsCount(), 0u);
 }
 
+TEST(ParcelRoundTrip, PaddingIsZeroedWhenWritingOverOldBytes) {
+    Parcel p;
+    p.writeInt32(-1);
+    p.writeInt32(-1);
+    p.writeInt32(-1);
+    p.setDataPosition(0);
+    p.writeCString("a");
+    p.writeString16(String16("b"));
+    EXPECT_EQ(bytesOf(p), Bytes({'a', 0, 0, 0, 1, 0, 0, 0, 'b', 0, 0, 0}));
+}
+
 TEST(ParcelRoundTrip, SizeAndPositionSetters) {
     Parcel p;
     p.writeInt32(1);
@@ -506,6 +517,14 @@ TEST(ParcelHostile, InplaceAndCStringLengths) {
     p->setDataPosition(0);
     EXPECT_EQ(p->readCString(), nullptr) << "no NUL before the end";
     EXPECT_EQ(p->dataPosition(), 0u);
+
+    // A String16 at an odd position (set by hand) has no char16 view.
+    Parcel odd;
+    odd.writeInt32(0);
+    odd.writeString16(String16("hi"));
+    odd.setDataPosition(1);
+    size_t len = 0;
+    EXPECT_EQ(odd.readString16Inplace(&len), nullptr);
 
     // A NUL in the very last byte, with no room for padding after it.
     const Bytes tail = {'a', 'b', 0};

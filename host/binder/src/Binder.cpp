@@ -135,6 +135,21 @@ BBinder::Extras* BBinder::getOrCreateExtras() {
     return e;
 }
 
+namespace {
+
+// Reads up to `argc` String16 arguments, stopping at the end of the data or at the first one
+// that cannot be read at all (a hostile argc never makes this loop longer than the data).
+void readArgs(const Parcel& data, int32_t argc, Vector<String16>* args) {
+    for (int32_t i = 0; i < argc && data.dataAvail() > 0; i++) {
+        const size_t before = data.dataPosition();
+        String16 arg = data.readString16();
+        if (data.dataPosition() == before) break;
+        args->add(arg);
+    }
+}
+
+}  // namespace
+
 status_t BBinder::onTransact(uint32_t code, const Parcel& data, Parcel* reply,
                              uint32_t /*flags*/) {
     switch (code) {
@@ -146,10 +161,7 @@ status_t BBinder::onTransact(uint32_t code, const Parcel& data, Parcel* reply,
             const int fd = data.readFileDescriptor();
             const int32_t argc = data.readInt32();
             Vector<String16> args;
-            // Each argument consumes at least its count word: the loop ends with the data.
-            for (int32_t i = 0; i < argc && data.dataAvail() > 0; i++) {
-                args.add(data.readString16());
-            }
+            readArgs(data, argc, &args);
             return dump(fd, args);
         }
 
@@ -157,10 +169,8 @@ status_t BBinder::onTransact(uint32_t code, const Parcel& data, Parcel* reply,
             // The request is consumed whole; no local object of this system implements shell
             // commands, so nothing runs and no result is sent to the result receiver.
             for (int i = 0; i < 3; i++) (void)data.readFileDescriptor();
-            const int32_t argc = data.readInt32();
-            for (int32_t i = 0; i < argc && data.dataAvail() > 0; i++) {
-                (void)data.readString16();
-            }
+            Vector<String16> args;
+            readArgs(data, data.readInt32(), &args);
             (void)data.readStrongBinder();  // shell callback
             (void)data.readStrongBinder();  // result receiver
             return NO_ERROR;

@@ -854,7 +854,12 @@ const char16_t* Parcel::readString16Inplace(size_t* outLen) const {
     const size_t bytes = (static_cast<size_t>(size) + 1) * sizeof(char16_t);
     const void* data = readInplace(bytes);
     if (data == nullptr) return nullptr;
-    // Data is 4-byte aligned, so the char16 view is aligned.
+    // Items start on 4-byte boundaries; only a position set by hand can break that, and then
+    // no char16 view can be handed out.
+    if (reinterpret_cast<uintptr_t>(data) % alignof(char16_t) != 0) {
+        ALOGE("Parcel %p: String16 at a misaligned position", this);
+        return nullptr;
+    }
     const char16_t* str = static_cast<const char16_t*>(data);
     if (str[size] != u'\0') {
         ALOGE("Parcel %p: String16 of %d chars without its NUL", this, size);
