@@ -1,0 +1,372 @@
+/*
+ * The processes of the multi-process service tests, one mode per role:
+ *
+ *   server            publishes the tracking service over a recording, pass-through facade,
+ *                     and a probe ("morvel.tovarin.test.probe") reporting what happened inside
+ *   probe             prints what the server's probe reports, then exits
+ *   hold              registers a state change listener, takes a head tracker, then waits
+ *   operations        calls every operation and prints the results
+ *   events N          registers a listener, toggles the enabled state N times, prints events
+ *   setenabled V      sets the enabled state, prints the state afterwards
+ *   protocol          sends malformed requests (wrong token, unknown code), prints statuses
+ *   hostile SEED N    sends N random requests to every code, then checks the service answers
+ */
+#include "IHeadTrackingPoller.h"
+#include "IStateChangeListener.h"
+#include "ITovarinService.h"
+#include "RecordingFacade.h"
+
+#include <binder/Binder.h>
+#include <binder/IPCThreadState.h>
+#include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <binder/ProcessState.h>
+#include <tovarin/TovarinDiagnostics.h>
+#include <tovarin/TovarinLogger.h>
+#include <tovarin/TovarinOverrides.h>
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <random>
+#include <string>
+#include <vector>
+
+using android::BBinder;
+using android::defaultServiceManager;
+using android::IBinder;
+using android::IInterface;
+using android::IPCThreadState;
+using android::OK;
+using android::Parcel;
+using android::ProcessState;
+using android::sp;
+using android::status_t;
+using android::String16;
+using android::String8;
+using morvel::tovarin::HeadTrackerHandle;
+using morvel::tovarin::HeadTrackingConfiguration;
+using morvel::tovarin::HeadTrackingEvent;
+using morvel::tovarin::HeadTrackingState;
+using morvel::tovarin::StateChangeEvent;
+using morvel::tovarin::StateChangeListener;
+using morvel::tovarin::TovarinDiagnostics;
+using morvel::tovarin::TovarinLogCapture;
+using morvel::tovarin::TovarinLogLine;
+using morvel::tovarin::TovarinOverrides;
+using morvel::tovarin::binder::BnHeadTrackingPoller;
+using morvel::tovarin::binder::BnStateChangeListener;
+using morvel::tovarin::binder::BnTovarinService;
+using morvel::tovarin::binder::ITovarinService;
+using morvel::tovarin::testing::RecordingFacade;
+
+namespace {
+
+constexpr char kProbeName[] = "morvel.tovarin.test.probe";
+enum ProbeCode : uint32_t { PROBE_CALLS = 1, PROBE_RECORDS = 2, PROBE_LOG = 3 };
+
+void say(const std::string& line) {
+    static std::mutex lock;
+    std::lock_guard<std::mutex> guard(lock);
+    printf("%s\n", line.c_str());
+    fflush(stdout);
+}
+
+// ---------------------------------------------------------------------------------------------
+// server
+
+class Probe : public BBinder {
+public:
+    Probe(const sp<RecordingFacade>& facade, const sp<BnTovarinService>& service)
+          : mFacade(facade), mService(service) {}
+
+protected:
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply,
+                        uint32_t flags) override {
+        switch (code) {
+            case PROBE_CALLS: {
+                const std::vector<std::string> calls = mFacade->calls();
+                reply->writeInt32(static_cast<int32_t>(calls.size()));
+                for (const std::string& call : calls) reply->writeString16(String16(call.c_str()));
+                return OK;
+            }
+            case PROBE_RECORDS:
+                reply->writeInt32(
+                        static_cast<int32_t>(mService->stateChangeListenerDeathMapper()->clientCount()));
+                reply->writeInt32(
+                        static_cast<int32_t>(mService->headTrackingPollerDeathMapper()->clientCount()));
+                return OK;
+            case PROBE_LOG: {
+                const std::vector<TovarinLogLine> lines = mCapture.lines();
+                reply->writeInt32(static_cast<int32_t>(lines.size()));
+                for (const TovarinLogLine& line : lines) {
+                    reply->writeInt32(line.level);
+                    reply->writeString16(String16(line.tag.c_str()));
+                    reply->writeString16(String16(line.text.c_str()));
+                }
+                return OK;
+            }
+        }
+        return BBinder::onTransact(code, data, reply, flags);
+    }
+
+private:
+    sp<RecordingFacade> mFacade;
+    sp<BnTovarinService> mService;
+    TovarinLogCapture mCapture;
+};
+
+int runServer() {
+    // Non-empty debug diagnostics and overrides, empty error diagnostics, for the dump report.
+    TovarinDiagnostics::getInstance(TovarinDiagnostics::DEBUG)->set("frames", "30");
+    TovarinOverrides::getInstance()->set("fidelity", "3");
+
+    sp<RecordingFacade> facade = new RecordingFacade(/*passThrough=*/true);
+    sp<BnTovarinService> service = new BnTovarinService(facade);
+    sp<Probe> probe = new Probe(facade, service);
+    if (defaultServiceManager()->addService(String16(ITovarinService::SERVICE_NAME), service) !=
+                OK ||
+        defaultServiceManager()->addService(String16(kProbeName), probe) != OK) {
+        say("server cannot register");
+        return 1;
+    }
+    ProcessState::self()->startThreadPool();
+    say("server ready");
+    IPCThreadState::self()->joinThreadPool();
+    return 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// clients
+
+sp<ITovarinService> connect() {
+    sp<IBinder> binder = defaultServiceManager()->checkService(
+            String16(ITovarinService::SERVICE_NAME));
+    if (binder == nullptr) {
+        say("no service");
+        exit(1);
+    }
+    ProcessState::self()->startThreadPool();
+    return ITovarinService::asInterface(binder);
+}
+
+int runProbe() {
+    sp<IBinder> probe = defaultServiceManager()->checkService(String16(kProbeName));
+    if (probe == nullptr) {
+        say("no probe");
+        return 1;
+    }
+    Parcel none;
+    Parcel calls;
+    probe->transact(PROBE_CALLS, none, &calls);
+    for (int32_t i = 0, n = calls.readInt32(); i < n; ++i) {
+        say("call: " + std::string(String8(calls.readString16()).string()));
+    }
+    Parcel records;
+    probe->transact(PROBE_RECORDS, none, &records);
+    const int32_t state = records.readInt32();
+    const int32_t poller = records.readInt32();
+    say("records state=" + std::to_string(state) + " poller=" + std::to_string(poller));
+    Parcel log;
+    probe->transact(PROBE_LOG, none, &log);
+    for (int32_t i = 0, n = log.readInt32(); i < n; ++i) {
+        const int32_t level = log.readInt32();
+        const String8 tag(log.readString16());
+        const String8 text(log.readString16());
+        say("log: " + std::to_string(level) + "|" + tag.string() + "|" + text.string());
+    }
+    say("probe done");
+    return 0;
+}
+
+class EventCollector : public StateChangeListener {
+public:
+    void onEvent(const StateChangeEvent& event) override {
+        std::lock_guard<std::mutex> guard(mLock);
+        mEvents.push_back(event);
+        mChanged.notify_all();
+    }
+    std::vector<StateChangeEvent> waitFor(size_t count, int timeoutMs) {
+        std::unique_lock<std::mutex> guard(mLock);
+        mChanged.wait_for(guard, std::chrono::milliseconds(timeoutMs),
+                          [&] { return mEvents.size() >= count; });
+        return mEvents;
+    }
+
+private:
+    std::mutex mLock;
+    std::condition_variable mChanged;
+    std::vector<StateChangeEvent> mEvents;
+};
+
+int runHold() {
+    sp<ITovarinService> service = connect();
+    sp<EventCollector> listener = new EventCollector();
+    const status_t status = service->registerStateChangeListener(listener);
+    const HeadTrackerHandle handle = service->getHeadTrackerHandle();
+    say("held status=" + std::to_string(status) + " listener=" +
+        std::to_string(listener->getHandle()) + " tracker=" + std::to_string(handle.id));
+    for (;;) pause();
+}
+
+class IgnoringRawListener : public morvel::tovarin::RawDataListener {
+public:
+    void onEvent(const morvel::tovarin::RawDataEvent&) override {}
+};
+
+std::atomic<int> gDestroyedTokens{0};
+
+class CountedToken : public BnHeadTrackingPoller {
+public:
+    ~CountedToken() override { ++gDestroyedTokens; }
+};
+
+int runOperations() {
+    sp<ITovarinService> service = connect();
+    say("enabled=" + std::to_string(service->getEnabled()));
+    say("hardware=" + std::to_string(service->getHardwareState()));
+    const HeadTrackingState state = service->getHeadTrackingState();
+    say("state=" + std::to_string(state.primary) + "/" + std::to_string(state.secondary));
+
+    const HeadTrackerHandle handle = service->getHeadTrackerHandle();
+    say("handle=" + std::to_string(handle.id) + "/" + std::to_string(handle.secondaryId));
+    HeadTrackingConfiguration configuration;
+    configuration.fidelity = 3;
+    configuration.filter = 2;
+    configuration.debugString = "bench";
+    say("setConfiguration=" + std::to_string(service->setConfiguration(handle, configuration)));
+    say("start=" + std::to_string(service->start(handle)));
+    HeadTrackingEvent event;
+    const status_t sampled = service->sample(handle, event);
+    say("sample=" + std::to_string(sampled) + " text=" + event.text +
+        " timestamp>0=" + std::to_string(event.timestamp > 0));
+    say("standby=" + std::to_string(service->standby(handle)));
+    say("stop=" + std::to_string(service->stop(handle)));
+    say("setPid=" + std::to_string(service->setPid(handle, 1)));
+    service->releaseHeadTrackerHandle(handle);
+    say("released");
+
+    sp<IgnoringRawListener> raw = new IgnoringRawListener();
+    say("registerRawDataListener=" + std::to_string(service->registerRawDataListener(raw)) +
+        " handle=" + std::to_string(raw->getHandle()));
+
+    // A token of our own, sent the way the proxy sends its tokens: only the service holds it.
+    {
+        sp<IBinder> binder = IInterface::asBinder(service);
+        Parcel data;
+        Parcel reply;
+        data.writeInterfaceToken(ITovarinService::descriptor);
+        data.writeStrongBinder(sp<IBinder>(new CountedToken()));
+        binder->transact(ITovarinService::GET_HEAD_TRACKER_HANDLE, data, &reply);
+        reply.readExceptionCode();
+        HeadTrackerHandle held;
+        held.id = reply.readInt32();
+        usleep(200 * 1000);
+        say("token alive while held=" + std::to_string(gDestroyedTokens.load() == 0));
+        service->releaseHeadTrackerHandle(held);
+        for (int i = 0; i < 100 && gDestroyedTokens.load() == 0; ++i) usleep(20 * 1000);
+        say("token destroyed after release=" + std::to_string(gDestroyedTokens.load() == 1));
+    }
+    say("operations done");
+    return 0;
+}
+
+int runEvents(int toggles) {
+    sp<ITovarinService> service = connect();
+    sp<EventCollector> listener = new EventCollector();
+    say("register=" + std::to_string(service->registerStateChangeListener(listener)));
+    for (int i = 0; i < toggles; ++i) service->setEnabledState(i % 2 == 0 ? 0 : 1);
+    const std::vector<StateChangeEvent> events = listener->waitFor(toggles, 5000);
+    std::string flags;
+    bool ordered = true;
+    for (size_t i = 0; i < events.size(); ++i) {
+        flags += events[i].flag ? '1' : '0';
+        if (i > 0 && events[i].timestamp < events[i - 1].timestamp) ordered = false;
+    }
+    say("events " + flags + " ordered=" + std::to_string(ordered));
+    service->unregisterStateChangeListener(listener);
+    say("unregistered handle=" + std::to_string(listener->getHandle()));
+    return 0;
+}
+
+int runSetEnabled(int value) {
+    sp<ITovarinService> service = connect();
+    service->setEnabledState(value);
+    say("enabled=" + std::to_string(service->getEnabled()));
+    return 0;
+}
+
+int runProtocol() {
+    sp<IBinder> binder = IInterface::asBinder(connect());
+    {
+        Parcel data;
+        Parcel reply;
+        data.writeInterfaceToken(String16("morvel.tovarin.raw_data_listener"));
+        const status_t status = binder->transact(ITovarinService::GET_ENABLED, data, &reply);
+        say("wrong token status=" + std::to_string(status) +
+            " reply=" + std::to_string(reply.dataSize()));
+    }
+    {
+        Parcel data;
+        Parcel reply;
+        data.writeInterfaceToken(ITovarinService::descriptor);
+        say("code 16 status=" + std::to_string(binder->transact(16, data, &reply)));
+    }
+    return 0;
+}
+
+// Random requests: mostly with the right token, arguments drawn from integers, strings and
+// binders of every kind (none, ours, the service's own, a listener, a token).
+int runHostile(unsigned seed, int count) {
+    sp<ITovarinService> service = connect();
+    sp<IBinder> serviceBinder = IInterface::asBinder(service);
+    std::mt19937 random(seed);
+    auto pick = [&](int n) { return static_cast<int>(random() % n); };
+    std::vector<sp<IBinder>> binders = {
+            nullptr, new BBinder(), serviceBinder, new BnHeadTrackingPoller(),
+            new BnStateChangeListener(new EventCollector())};
+    for (int i = 0; i < count; ++i) {
+        Parcel data;
+        Parcel reply;
+        if (pick(10) != 0) data.writeInterfaceToken(ITovarinService::descriptor);
+        const int items = pick(6);
+        for (int item = 0; item < items; ++item) {
+            switch (pick(6)) {
+                case 0: data.writeInt32(static_cast<int32_t>(random())); break;
+                case 1: data.writeInt32(pick(8) - 2); break;
+                case 2: data.writeInt64(static_cast<int64_t>(random()) << 20); break;
+                case 3: data.writeString8(String8("x", pick(300))); break;
+                case 4: data.writeStrongBinder(binders[pick(binders.size())]); break;
+                default: data.writeInt32(-1); break;
+            }
+        }
+        const uint32_t code = static_cast<uint32_t>(pick(18));
+        const uint32_t flags = pick(8) == 0 ? IBinder::FLAG_ONEWAY : 0;
+        serviceBinder->transact(code, data, &reply, flags);
+    }
+    say("hostile done alive=" + std::to_string(serviceBinder->pingBinder() == OK) +
+        " enabled-answers=" + std::to_string(service->getHardwareState() >= 0));
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const std::string mode = argc > 1 ? argv[1] : "";
+    if (mode == "server") return runServer();
+    if (mode == "probe") return runProbe();
+    if (mode == "hold") return runHold();
+    if (mode == "operations") return runOperations();
+    if (mode == "events" && argc > 2) return runEvents(atoi(argv[2]));
+    if (mode == "setenabled" && argc > 2) return runSetEnabled(atoi(argv[2]));
+    if (mode == "protocol") return runProtocol();
+    if (mode == "hostile" && argc > 3) return runHostile(strtoul(argv[2], nullptr, 10), atoi(argv[3]));
+    fprintf(stderr, "usage: %s server|probe|hold|operations|events N|setenabled V|protocol|"
+                    "hostile SEED N\n", argv[0]);
+    return 2;
+}

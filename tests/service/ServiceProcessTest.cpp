@@ -1,0 +1,206 @@
+/*
+ * The tracking service across real processes: a server process publishes the service over a
+ * recording facade; client processes call it, die, misbehave. Each test has its own runtime.
+ */
+#include <gtest/gtest.h>
+#include <hostbinder_test/Runtime.h>
+#include <utils/Errors.h>
+
+#include <signal.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <regex>
+#include <string>
+#include <thread>
+
+namespace {
+
+using hostbinder_test::ChildProcess;
+using hostbinder_test::RuntimeInstance;
+
+constexpr int kTimeoutMs = 10000;
+constexpr char kControl[] = "com.morvel.permission.TOVARIN_CONTROL";
+constexpr char kDump[] = "android.permission.DUMP";
+
+std::string helper() {
+    const char* path = getenv("TOVARIN_SERVICE_HELPER");
+    return path != nullptr ? path : "";
+}
+
+std::string grants(std::initializer_list<const char*> permissions) {
+    std::string policy;
+    for (const char* permission : permissions) policy += std::string("0 ") + permission + "\n";
+    return policy;
+}
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+class ServiceProcessTest : public ::testing::Test {
+protected:
+    void startRuntime(const std::string& policy) {
+        ASSERT_FALSE(helper().empty()) << "TOVARIN_SERVICE_HELPER is not set";
+        mRuntime = std::make_unique<RuntimeInstance>(policy);
+        mServer = std::make_unique<ChildProcess>(std::vector<std::string>{helper(), "server"});
+        ASSERT_TRUE(mServer->waitForOutput("server ready", kTimeoutMs)) << mServer->output();
+    }
+
+    // Runs a client mode to its end and returns what it printed.
+    std::string run(std::vector<std::string> args) {
+        args.insert(args.begin(), helper());
+        ChildProcess client(args);
+        EXPECT_EQ(0, client.wait(kTimeoutMs)) << client.output();
+        return client.output();
+    }
+
+    std::string probe() { return run({"probe"}); }
+
+    // Probes until `part` shows up.
+    std::string probeUntil(const std::string& part) {
+        std::string report;
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        do {
+            report = probe();
+            if (contains(report, part)) break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        } while (std::chrono::steady_clock::now() < deadline);
+        return report;
+    }
+
+    void TearDown() override {
+        if (mServer) {
+            // The server must have survived whatever the test did to it.
+            EXPECT_TRUE(contains(probe(), "probe done"));
+            mServer->kill(SIGKILL);
+            mServer->wait(kTimeoutMs);
+        }
+    }
+
+    std::unique_ptr<RuntimeInstance> mRuntime;
+    std::unique_ptr<ChildProcess> mServer;
+};
+
+TEST_F(ServiceProcessTest, EveryOperationAcrossProcesses) {
+    startRuntime(grants({kControl, kDump}));
+    const std::string out = run({"operations"});
+    for (const char* line : {"enabled=1", "handle=0/-1", "setConfiguration=0", "start=0",
+                             "sample=0 text=simulated timestamp>0=1", "standby=0", "stop=0",
+                             "setPid=0", "released", "registerRawDataListener=-1 handle=-1",
+                             "token alive while held=1", "token destroyed after release=1",
+                             "operations done"}) {
+        EXPECT_TRUE(contains(out, line)) << line << "\n" << out;
+    }
+    const std::string report = probe();
+    EXPECT_TRUE(contains(report, "call: setConfiguration 0 3 2 bench")) << report;
+    EXPECT_TRUE(contains(report, "call: releaseHeadTrackerHandle 0 -1")) << report;
+    EXPECT_TRUE(contains(report, "records state=0 poller=0")) << report;
+    // The information lines name the calling process.
+    EXPECT_TRUE(std::regex_search(report, std::regex("log: 4\\|TovarinBnTovarinService\\|.*\\(\\d+\\): "
+                                                     "head tracker \\(0\\) - started")))
+            << report;
+}
+
+TEST_F(ServiceProcessTest, KilledClientIsCleanedUp) {
+    startRuntime(grants({kControl, kDump}));
+    ChildProcess client({helper(), "hold"});
+    ASSERT_TRUE(client.waitForOutput("held", kTimeoutMs)) << client.output();
+    std::smatch match;
+    const std::string held = client.output();
+    ASSERT_TRUE(std::regex_search(held, match,
+                                  std::regex("held status=0 listener=(\\d+) tracker=(\\d+)")))
+            << held;
+    const std::string listener = match[1];
+    const std::string tracker = match[2];
+    EXPECT_TRUE(contains(probe(), "records state=1 poller=1"));
+
+    const std::string name = helper() + "(" + std::to_string(client.pid()) + ")";
+    client.kill(SIGKILL);
+    client.wait(kTimeoutMs);
+
+    const std::string report = probeUntil("records state=0 poller=0");
+    EXPECT_TRUE(contains(report, "records state=0 poller=0")) << report;
+    EXPECT_TRUE(contains(report, "call: unregisterStateChangeListener " + listener)) << report;
+    EXPECT_TRUE(contains(report, "call: releaseHeadTrackerHandle " + tracker + " -1")) << report;
+    EXPECT_TRUE(contains(report, "log: 6|TovarinBnTovarinService|" + name +
+                                         ": state change listener client died"))
+            << report;
+    EXPECT_TRUE(contains(report, "log: 6|TovarinBnTovarinService|" + name +
+                                         ": head tracking polling client died"))
+            << report;
+    // The tracker is free again for the next client.
+    EXPECT_TRUE(contains(run({"operations"}), "handle=" + tracker + "/-1"));
+}
+
+TEST_F(ServiceProcessTest, StateChangeEventsArriveInOrder) {
+    startRuntime(grants({kControl, kDump}));
+    const std::string out = run({"events", "12"});
+    EXPECT_TRUE(contains(out, "register=0")) << out;
+    EXPECT_TRUE(contains(out, "events 010101010101 ordered=1")) << out;
+    EXPECT_TRUE(contains(out, "unregistered handle=-1")) << out;
+    EXPECT_TRUE(contains(probe(), "records state=0 poller=0"));
+}
+
+TEST_F(ServiceProcessTest, EnabledStateNeedsTheControlPermission) {
+    startRuntime(grants({kDump}));
+    ChildProcess client({helper(), "setenabled", "0"});
+    ASSERT_EQ(0, client.wait(kTimeoutMs));
+    EXPECT_TRUE(contains(client.output(), "enabled=1")) << client.output();
+    const std::string report = probe();
+    EXPECT_FALSE(contains(report, "call: setEnabledState")) << report;
+    EXPECT_TRUE(contains(report, "log: 6|TovarinPermission|Permission Error: " + helper() + "(" +
+                                         std::to_string(client.pid()) +
+                                         ") must have permission "
+                                         "\"com.morvel.permission.TOVARIN_CONTROL\" /> before "
+                                         "calling setEnabled"))
+            << report;
+
+    mRuntime->setPolicy(grants({kControl}));
+    EXPECT_TRUE(contains(run({"setenabled", "0"}), "enabled=0"));
+}
+
+TEST_F(ServiceProcessTest, MalformedRequestsGetPlatformStatuses) {
+    startRuntime(grants({kControl, kDump}));
+    const std::string out = run({"protocol"});
+    EXPECT_TRUE(contains(out, "wrong token status=" + std::to_string(android::PERMISSION_DENIED) +
+                                      " reply=0"))
+            << out;
+    EXPECT_TRUE(contains(out, "code 16 status=" + std::to_string(android::UNKNOWN_TRANSACTION)))
+            << out;
+}
+
+TEST_F(ServiceProcessTest, DumpReportNeedsTheDumpPermission) {
+    const char* dumpsys = getenv("DUMPSYS");
+    ASSERT_NE(nullptr, dumpsys);
+    startRuntime(grants({kControl, kDump}));
+    {
+        ChildProcess tool({dumpsys, "morvel.tovarin.service"});
+        ASSERT_EQ(0, tool.wait(kTimeoutMs));
+        const std::string report = tool.output();
+        EXPECT_TRUE(contains(report, "Tovarin Debug Diagnostics:\nframes=30")) << report;
+        EXPECT_TRUE(contains(report, "\n\nTovarin Overrides:\nfidelity=3")) << report;
+        EXPECT_FALSE(contains(report, "Error Diagnostics")) << report;
+    }
+    mRuntime->setPolicy(grants({kControl}));
+    ChildProcess tool({dumpsys, "morvel.tovarin.service"});
+    tool.wait(kTimeoutMs);
+    EXPECT_TRUE(contains(tool.output(), "Permission Denial: can't dump Tovarin from pid=" +
+                                                std::to_string(tool.pid()) + ", uid=0\n"))
+            << tool.output();
+    EXPECT_FALSE(contains(tool.output(), "Tovarin Debug Diagnostics")) << tool.output();
+}
+
+TEST_F(ServiceProcessTest, HostileClientCannotBringTheServiceDown) {
+    startRuntime(grants({kControl, kDump}));
+    for (const char* seed : {"1", "2", "3"}) {
+        const std::string out = run({"hostile", seed, "700"});
+        EXPECT_TRUE(contains(out, "hostile done alive=1 enabled-answers=1")) << out;
+    }
+    // Normal service afterwards.
+    EXPECT_TRUE(contains(run({"protocol"}), "code 16 status="));
+}
+
+}  // namespace
