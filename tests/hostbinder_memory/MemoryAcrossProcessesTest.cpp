@@ -54,7 +54,9 @@ protected:
             EXPECT_EQ(mService->transact(kExit, data, &reply), NO_ERROR);
             mService.clear();
         }
-        if (mPeer) EXPECT_EQ(mPeer->wait(5000), 0) << mPeer->output();
+        if (mPeer) {
+            EXPECT_EQ(mPeer->wait(5000), 0) << mPeer->output();
+        }
     }
 
     std::unique_ptr<hostbinder_test::RuntimeInstance> mRuntime;
