@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -59,15 +58,6 @@ std::string lineOf(const std::string& text, const std::string& prefix) {
 std::vector<size_t> logLines(const std::string& text, int level, const std::string& tag,
                              const std::string& message) {
     return find(text, "LOG " + std::to_string(level) + " " + tag + " " + message);
-}
-
-bool waitUntil(const std::function<bool()>& predicate, int timeoutMs) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        usleep(10 * 1000);
-    }
-    return true;
 }
 
 class ClientTest : public ::testing::Test {

@@ -227,7 +227,10 @@ TEST_F(DebugStubTest, RepliesAndPermissionGateForEveryCode) {
                 EXPECT_EQ(expected, got.substr(8));
             }
             if (granted) {
-                EXPECT_GT(readTo, tokenSize()) << "arguments read";
+                Parcel request;
+                request.writeInterfaceToken(ITovarinDebug::descriptor);
+                c.args(request);
+                EXPECT_EQ(request.dataSize(), readTo) << "every argument read";
                 EXPECT_TRUE(permissionErrors(capture).empty());
             } else {
                 EXPECT_EQ(tokenSize(), readTo) << "a refused request's arguments are not read";
