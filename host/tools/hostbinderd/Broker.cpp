@@ -118,11 +118,11 @@ int Broker::listen() {
     }
     chmod(addr.sun_path, 0666);  // processes of any uid may join the instance
     if (::listen(mListenFd, SOMAXCONN) != 0) return -errno;
-    return 0;
+    mEpollFd = epoll_create1(EPOLL_CLOEXEC);
+    return mEpollFd < 0 ? -errno : 0;
 }
 
 void Broker::run(int stopFd) {
-    mEpollFd = epoll_create1(EPOLL_CLOEXEC);
     epoll_event ev{};
     ev.events = EPOLLIN;
     ev.data.u64 = kListenTag;
@@ -146,9 +146,12 @@ void Broker::run(int stopFd) {
             } else {
                 Conn* c = reinterpret_cast<Conn*>(tag);
                 if (c->closed) continue;
-                if (events[i].events & EPOLLOUT) onWritable(c);
-                if (!c->closed && (events[i].events & (EPOLLIN | EPOLLHUP | EPOLLERR))) {
-                    onReadable(c);
+                const uint32_t ev = events[i].events;
+                if (ev & EPOLLOUT) onWritable(c);
+                if (!c->closed && (ev & (EPOLLIN | EPOLLHUP | EPOLLERR))) onReadable(c);
+                if (!c->closed && c->fd >= 0 && c->hasHead &&
+                    (ev & (EPOLLRDHUP | EPOLLHUP | EPOLLERR))) {
+                    onHangup(c);
                 }
             }
             reapDying();
@@ -190,25 +193,51 @@ void Broker::acceptConnections() {
 
 void Broker::updateEpoll(Conn* c) {
     if (c->closed) return;
-    uint32_t events = 0;
+    if (c->fd < 0) return;
+    uint32_t events = EPOLLRDHUP;
     if (!c->eof && !c->hasHead) events |= EPOLLIN;
     if (c->wantWrite) events |= EPOLLOUT;
-    if (events == c->epollEvents && c->epollEvents != 0) return;
+    if (events == c->epollEvents) return;
     epoll_event ev{};
     ev.events = events;
     ev.data.u64 = reinterpret_cast<uint64_t>(c);
-    if (c->epollEvents == 0 && events != 0) {
-        if (epoll_ctl(mEpollFd, EPOLL_CTL_ADD, c->fd, &ev) != 0 && errno == EEXIST) {
-            epoll_ctl(mEpollFd, EPOLL_CTL_MOD, c->fd, &ev);
+    epoll_ctl(mEpollFd, c->epollEvents == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD, c->fd, &ev);
+    c->epollEvents = events;
+}
+
+// The peer closed a connection the broker is not reading (its next frame waits for an
+// earlier-numbered one): the rest of what it sent is taken in now and the descriptor let go.
+void Broker::onHangup(Conn* c) {
+    if (c->proc == nullptr || c == c->proc->control) {
+        if (c->proc != nullptr) {
+            drop(c->proc, nullptr);
+        } else {
+            closeConn(c);
         }
-    } else {
-        epoll_ctl(mEpollFd, EPOLL_CTL_MOD, c->fd, &ev);
+        return;
     }
-    c->epollEvents = events == 0 ? 0 : events;
-    if (events == 0) epoll_ctl(mEpollFd, EPOLL_CTL_DEL, c->fd, nullptr);
+    size_t taken = 0;
+    for (;;) {
+        ssize_t n = c->reader.fill(c->fd, MSG_DONTWAIT);
+        if (n <= 0) break;
+        taken += static_cast<size_t>(n);
+        if (taken > 2 * kMaxFramePayload) {
+            drop(c->proc, "too much data after hanging up");
+            return;
+        }
+    }
+    c->eof = true;
+    epoll_ctl(mEpollFd, EPOLL_CTL_DEL, c->fd, nullptr);
+    c->epollEvents = 0;
+    close(c->fd);
+    c->fd = -1;
+    c->wantWrite = false;
+    for (auto& chunk : c->outq) closeAll(&chunk.fds);
+    c->outq.clear();
 }
 
 void Broker::onReadable(Conn* c) {
+    if (c->fd < 0 || c->hasHead) return;
     ssize_t n = c->reader.fill(c->fd, MSG_DONTWAIT);
     if (n == 0 || (n < 0 && n != -EAGAIN)) {
         if (n == -EBADMSG && c->proc != nullptr) {
@@ -285,8 +314,12 @@ void Broker::pump(Conn* c) {
         popHead(cur);
         if (cur != c) {
             updateEpoll(cur);
-            if (cur->eof && !cur->hasHead && cur->reader.buffered() == 0 && cur != p->control) {
-                threadGone(cur);
+            if (cur->eof && !cur->hasHead && cur != p->control) {
+                if (cur->reader.buffered() > 0) {
+                    drop(p, "truncated frame");
+                } else {
+                    threadGone(cur);
+                }
             }
         }
     }
@@ -418,7 +451,7 @@ void Broker::send(Conn* c, uint16_t type, const void* fixed, size_t fixedLen, co
                   size_t bodyLen, std::vector<int>* fds) {
     std::vector<int> none;
     if (fds == nullptr) fds = &none;
-    if (c->closed || (c->proc != nullptr && c->proc->dying)) {
+    if (c->closed || c->fd < 0 || (c->proc != nullptr && c->proc->dying)) {
         closeAll(fds);
         return;
     }
@@ -489,9 +522,11 @@ void Broker::flush(Conn* c) {
 void Broker::closeConn(Conn* c) {
     if (c->closed) return;
     c->closed = true;
-    if (c->epollEvents != 0) epoll_ctl(mEpollFd, EPOLL_CTL_DEL, c->fd, nullptr);
-    close(c->fd);
-    c->fd = -1;
+    if (c->fd >= 0) {
+        if (c->epollEvents != 0) epoll_ctl(mEpollFd, EPOLL_CTL_DEL, c->fd, nullptr);
+        close(c->fd);
+        c->fd = -1;
+    }
     for (auto& chunk : c->outq) closeAll(&chunk.fds);
     c->outq.clear();
     if (c->proc != nullptr) {

@@ -163,6 +163,7 @@ private:
     void acceptConnections();
     void onReadable(Conn* c);
     void onWritable(Conn* c);
+    void onHangup(Conn* c);
     void pump(Conn* c);
     bool popHead(Conn* c);
     void handleHello(Conn* c, InboundFrame& f);
