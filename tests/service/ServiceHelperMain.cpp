@@ -257,15 +257,17 @@ int runOperations() {
 
     // A token of our own, sent the way the proxy sends its tokens: only the service holds it.
     {
-        sp<IBinder> binder = IInterface::asBinder(service);
-        Parcel data;
-        Parcel reply;
-        data.writeInterfaceToken(ITovarinService::descriptor);
-        data.writeStrongBinder(sp<IBinder>(new CountedToken()));
-        binder->transact(ITovarinService::GET_HEAD_TRACKER_HANDLE, data, &reply);
-        reply.readExceptionCode();
         HeadTrackerHandle held;
-        held.id = reply.readInt32();
+        {
+            Parcel data;
+            Parcel reply;
+            data.writeInterfaceToken(ITovarinService::descriptor);
+            data.writeStrongBinder(sp<IBinder>(new CountedToken()));
+            IInterface::asBinder(service)->transact(ITovarinService::GET_HEAD_TRACKER_HANDLE,
+                                                    data, &reply);
+            reply.readExceptionCode();
+            held.id = reply.readInt32();
+        }
         usleep(200 * 1000);
         say("token alive while held=" + std::to_string(gDestroyedTokens.load() == 0));
         service->releaseHeadTrackerHandle(held);
