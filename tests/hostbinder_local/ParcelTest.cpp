@@ -2,7 +2,9 @@
 // data (which must fail cleanly, never read out of bounds).
 
 #include <binder/Binder.h>
+#include <binder/BpBinder.h>
 #include <binder/Parcel.h>
+#include <binder/ProcessState.h>
 
 #include <gtest/gtest.h>
 
@@ -71,6 +73,8 @@ bool fdIsOpen(int fd) {
 
 TEST(ParcelGoldenBytes, EveryWriteForm) {
     const sp<BBinder> local = new BBinder();
+    const sp<IBinder> remote7 = ProcessState::self()->getStrongProxyForHandle(7);
+    const sp<IBinder> remote0 = ProcessState::self()->getStrongProxyForHandle(0);
     Pipe pipe;
 
     Bytes localBytes = {0x85, 0x2a, 0x62, 0x73, 0x13, 0x01, 0x00, 0x00};
@@ -150,6 +154,16 @@ TEST(ParcelGoldenBytes, EveryWriteForm) {
              0},
             {"strong binder local", [&](Parcel& p) { return p.writeStrongBinder(local); },
              localBytes, 1},
+            {"strong binder remote (handle 7)",
+             [&](Parcel& p) { return p.writeStrongBinder(remote7); },
+             {0x85, 0x2a, 0x68, 0x73, 0x13, 0x01, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0,
+              0, 0, 0, 0, 0, 0, 0, 0},
+             1},
+            {"strong binder remote (handle 0, still an object)",
+             [&](Parcel& p) { return p.writeStrongBinder(remote0); },
+             {0x85, 0x2a, 0x68, 0x73, 0x13, 0x01, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
+              0, 0, 0, 0, 0, 0, 0, 0},
+             1},
             {"file descriptor", [&](Parcel& p) { return p.writeFileDescriptor(pipe.fds[0]); },
              fdBytes, 1},
     };
@@ -269,6 +283,22 @@ TEST(ParcelRoundTrip, LocalBinderIsTheSameObjectAndHeldUntilFreed) {
     EXPECT_FALSE(destroyed) << "the parcel must hold a strong reference";
     p.freeData();
     EXPECT_TRUE(destroyed);
+}
+
+TEST(ParcelRoundTrip, ProxyIsTheSameProxyAndHeldUntilFreed) {
+    Parcel p;
+    wp<IBinder> weak;
+    {
+        sp<IBinder> proxy = ProcessState::self()->getStrongProxyForHandle(31);
+        ASSERT_NE(proxy->remoteBinder(), nullptr);
+        weak = proxy;
+        ASSERT_EQ(p.writeStrongBinder(proxy), NO_ERROR);
+        p.setDataPosition(0);
+        EXPECT_EQ(p.readStrongBinder(), proxy);
+    }
+    EXPECT_NE(weak.promote(), nullptr) << "the parcel must hold the proxy";
+    p.freeData();
+    EXPECT_EQ(weak.promote(), nullptr);
 }
 
 TEST(ParcelRoundTrip, AppendFromCarriesBindersAndDuplicatesFds) {
@@ -648,6 +678,39 @@ TEST(ParcelAdoption, ReleaseFunctionRunsOnceWhenFreedOrRewritten) {
         EXPECT_EQ(released.calls, 1);
         EXPECT_EQ(bytesOf(p), words({5, 6, 7}));
     }
+}
+
+void closeFdsAndRecord(Parcel* parcel, const uint8_t* data, size_t size,
+                       const binder_size_t* objects, size_t count, void* cookie) {
+    parcel->closeFileDescriptors();
+    recordRelease(parcel, data, size, objects, count, cookie);
+}
+
+TEST(ParcelAdoption, WritingToAReceivedParcelKeepsItsFdsUsable) {
+    // As received: the IPC layer's release function closes the descriptors it delivered.
+    Pipe pipe;
+    const int received = fcntl(pipe.fds[1], F_DUPFD_CLOEXEC, 0);
+    Parcel sent;
+    sent.writeInt32(1);
+    sent.writeFileDescriptor(received);
+    const Bytes data = bytesOf(sent);
+    const std::vector<binder_size_t> offsets = {4};
+
+    Released released;
+    Parcel p;
+    p.ipcSetDataReference(data.data(), data.size(), offsets.data(), offsets.size(),
+                          closeFdsAndRecord, &released);
+    p.setDataPosition(data.size());
+    ASSERT_EQ(p.writeInt32(2), NO_ERROR);
+    EXPECT_EQ(released.calls, 1);
+    EXPECT_FALSE(fdIsOpen(received));
+
+    p.setDataPosition(4);
+    const int copy = p.readFileDescriptor();
+    ASSERT_GE(copy, 0);
+    EXPECT_EQ(::write(copy, "x", 1), 1) << "the copy's descriptor still reaches the pipe";
+    p.freeData();
+    EXPECT_FALSE(fdIsOpen(copy));
 }
 
 TEST(ParcelAdoption, InvalidObjectTablesAreDropped) {

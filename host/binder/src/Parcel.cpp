@@ -257,6 +257,16 @@ status_t Parcel::continueWrite(size_t desired) {
         for (size_t i = 0; i < mObjectsSize && n < keptObjects; i++) {
             if (mObjects[i] + kObjectSize <= copied) objects[n++] = mObjects[i];
         }
+        // The release function may close the received descriptors: the copy owns duplicates.
+        for (size_t i = 0; i < n; i++) {
+            flat_binder_object obj;
+            memcpy(&obj, data + objects[i], kObjectSize);
+            if (obj.hdr.type != BINDER_TYPE_FD) continue;
+            const int dupFd = fcntl(static_cast<int>(obj.handle), F_DUPFD_CLOEXEC, 0);
+            obj.handle = static_cast<__u32>(dupFd);
+            obj.cookie = dupFd >= 0 ? 1 : 0;
+            memcpy(data + objects[i], &obj, kObjectSize);
+        }
         mOwner(this, mData, mDataSize, mObjects, mObjectsSize, mOwnerCookie);
         mOwner = nullptr;
         mOwnerCookie = nullptr;

@@ -4,7 +4,9 @@
  * The data area is byte-for-byte the platform's: little-endian, every item padded to 4 bytes
  * with zeroed padding, binder objects as 24-byte flat_binder_object records whose offsets are
  * kept in a separate object table. Every read is bounds-checked: past the end a read gives a
- * zero or null value and an error status, never undefined behaviour.
+ * zero or null value and an error status, never undefined behaviour. Plain reads never return
+ * the bytes of a recorded object (PERMISSION_DENIED), and only recorded objects are read as
+ * objects.
  */
 #pragma once
 
@@ -39,13 +41,17 @@ public:
     size_t dataCapacity() const;
 
     status_t setDataSize(size_t size);
+    // Any position is accepted: reads past the end fail, writes that would grow the data past
+    // INT32_MAX bytes fail with NO_MEMORY.
     void setDataPosition(size_t pos) const;
     status_t setDataCapacity(size_t size);
 
     // Replaces the contents with a copy of `buffer` (no binder objects).
     status_t setData(const uint8_t* buffer, size_t len);
 
-    // Appends bytes [start, start + len) of `parcel`, with the binder objects inside that range.
+    // Appends bytes [start, start + len) of `parcel` at the current position, with the objects
+    // lying wholly inside that range: binders gain a reference, fds are duplicated. BAD_VALUE
+    // for a range outside `parcel` or for `parcel` == this.
     status_t appendFrom(const Parcel* parcel, size_t start, size_t len);
 
     int compareData(const Parcel& other);
@@ -102,8 +108,9 @@ public:
     // Place a dup of `fd` into the parcel, which owns (and closes) the dup.
     status_t writeDupFileDescriptor(int fd);
 
-    // Writes a raw flat object and records it in the object table (when it is not a null
-    // binder, or when nullMetaData is true).
+    // Writes a raw flat object and records it in the object table, unless it is a null binder
+    // (type BINDER, binder 0) and nullMetaData is false. Recorded objects hold a reference
+    // while the parcel owns them.
     status_t writeObject(const flat_binder_object& val, bool nullMetaData);
 
     status_t read(void* outData, size_t len) const;
@@ -151,7 +158,9 @@ public:
     // The descriptor stays owned by the parcel; dup() it to keep it.
     int readFileDescriptor() const;
 
-    // The flat object at the current position, only if the object table records it there.
+    // The flat object at the current position, only if the object table records it there (a
+    // null binder is also accepted unrecorded when nullMetaData is false). The pointer is to a
+    // copy that stays valid until the next readObject() on this parcel.
     const flat_binder_object* readObject(bool nullMetaData) const;
 
     // Closes every descriptor held in the object table (used when a received parcel is freed).
@@ -166,7 +175,10 @@ public:
     size_t ipcDataSize() const;
     uintptr_t ipcObjects() const;
     size_t ipcObjectsCount() const;
-    // The parcel reads `data` and `objects` in place until it is freed, then calls relFunc.
+    // The parcel reads `data` and `objects` in place until it is freed, then calls relFunc; it
+    // holds no references of its own. A table that does not list whole, non-overlapping objects
+    // in increasing order inside the data is ignored. A write to the parcel first copies the
+    // data (duplicating its fds) and gives the buffers back through relFunc.
     void ipcSetDataReference(const uint8_t* data, size_t dataSize, const binder_size_t* objects,
                              size_t objectsCount, release_func relFunc, void* relCookie);
 
