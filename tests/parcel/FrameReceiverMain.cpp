@@ -12,6 +12,7 @@
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
+#include <hostbinder_test/Runtime.h>
 
 #include <stdio.h>
 
@@ -49,6 +50,7 @@ protected:
         } else {
             return BBinder::onTransact(code, data, reply, flags);
         }
+        report.openFds = hostbinder_test::openFdCount();
         report.writeTo(*reply);
         return OK;
     }

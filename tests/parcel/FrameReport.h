@@ -30,6 +30,7 @@ struct FrameReport {
     int32_t locationValue = 0;       // raw data only: headLocation0.value
     int32_t locationLocalIndex = 0;  // raw data only: headLocation0.localIndex
     std::string text;                // raw data only: headTrackingEvent0.text
+    int32_t openFds = 0;             // the receiver's open descriptors after reading
 
     void writeTo(android::Parcel& reply) const {
         reply.writeInt32(hasData);
@@ -43,6 +44,7 @@ struct FrameReport {
         reply.writeInt32(locationValue);
         reply.writeInt32(locationLocalIndex);
         reply.writeCString(text.c_str());
+        reply.writeInt32(openFds);
     }
 
     void readFrom(const android::Parcel& reply) {
@@ -58,6 +60,7 @@ struct FrameReport {
         locationLocalIndex = reply.readInt32();
         const char* s = reply.readCString();
         text = s != nullptr ? s : "";
+        openFds = reply.readInt32();
     }
 };
 

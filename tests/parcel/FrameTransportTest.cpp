@@ -185,14 +185,19 @@ TEST_F(FrameTransportTest, SteadyStreamReusesOneReceiveBuffer) {
     const sp<IBinder> receiver = startReceiver("parcel.receiver.stream");
     ASSERT_NE(nullptr, receiver);
     int64_t firstAddress = 0;
+    int32_t firstFds = 0;
     for (unsigned i = 0; i < 15; ++i) {  // more frames than slots: the ring wraps
         SCOPED_TRACE(i);
         std::vector<unsigned char> pixels = framePixels(10 + i);
         const FrameReport report = sendFrame(receiver, frameWith(3000 + i, pixels));
         ASSERT_EQ(1, report.hasData);
         EXPECT_EQ(checksumOf(pixels.data(), kArea), report.checksum);
-        if (i == 0) firstAddress = report.dataAddress;
+        if (i == 0) {
+            firstAddress = report.dataAddress;
+            firstFds = report.openFds;
+        }
         EXPECT_EQ(firstAddress, report.dataAddress);
+        EXPECT_EQ(firstFds, report.openFds) << "the receiver holds on to frame memory";
     }
 }
 
