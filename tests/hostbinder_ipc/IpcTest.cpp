@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <regex>
 #include <string>
 
 using hostbinder_test::ChildProcess;
@@ -42,11 +41,44 @@ std::string runHelper(std::vector<std::string> args, int timeoutMs = 30000) {
     return child.output();
 }
 
+// The `count` space-separated words after the first `key=` in helper output.
+std::vector<std::string> words(const std::string& out, const std::string& key, size_t count) {
+    size_t pos = 0;
+    for (;;) {
+        pos = out.find(key + "=", pos);
+        if (pos == std::string::npos) return {};
+        if (pos == 0 || out[pos - 1] == ' ' || out[pos - 1] == '\n') break;
+        pos++;
+    }
+    std::vector<std::string> result;
+    size_t start = pos + key.size() + 1;
+    while (result.size() < count) {
+        size_t end = out.find_first_of(" \n", start);
+        result.push_back(out.substr(start, end == std::string::npos ? end : end - start));
+        if (end == std::string::npos || out[end] == '\n') break;
+        start = end + 1;
+    }
+    return result;
+}
+
 // The value of `key=` in helper output (up to the next space or end of line).
 std::string field(const std::string& out, const std::string& key) {
-    std::smatch m;
-    std::regex re("(^|[ \\n])" + key + "=([^ \\n]*)");
-    return std::regex_search(out, m, re) ? m[2].str() : "<missing " + key + ">";
+    std::vector<std::string> w = words(out, key, 1);
+    return w.empty() ? "<missing " + key + ">" : w[0];
+}
+
+// Every line of `out` that starts with `prefix`.
+std::vector<std::string> linesStartingWith(const std::string& out, const std::string& prefix) {
+    std::vector<std::string> lines;
+    size_t start = 0;
+    while (start < out.size()) {
+        size_t end = out.find('\n', start);
+        if (end == std::string::npos) end = out.size();
+        std::string line = out.substr(start, end - start);
+        if (line.rfind(prefix, 0) == 0) lines.push_back(line);
+        start = end + 1;
+    }
+    return lines;
 }
 
 int64_t monotonicMs() {
@@ -134,15 +166,10 @@ TEST_F(IpcTest, CalleeSeesTheCallersKernelIdentity) {
         ChildProcess child(args);
         ASSERT_EQ(0, child.wait()) << child.output();
         const std::string out = child.output();
-        std::smatch m;
-        ASSERT_TRUE(std::regex_search(out, m, std::regex("seen=(-?\\d+) (-?\\d+)"))) << out;
-        EXPECT_EQ(std::to_string(child.pid()), m[1].str());
-        EXPECT_EQ(uid, m[2].str());
-        ASSERT_TRUE(std::regex_search(out, m, std::regex("outside=(\\d+) (\\d+)"))) << out;
-        EXPECT_EQ(std::to_string(child.pid()), m[1].str());
-        EXPECT_EQ(uid, m[2].str());
-        ASSERT_TRUE(std::regex_search(out, m, std::regex("restored=(\\d+) (\\d+)"))) << out;
-        EXPECT_EQ(std::to_string(child.pid()), m[1].str());
+        const std::vector<std::string> self{std::to_string(child.pid()), uid};
+        EXPECT_EQ(self, words(out, "seen", 2)) << out;
+        EXPECT_EQ(self, words(out, "outside", 2)) << out;
+        EXPECT_EQ(self, words(out, "restored", 2)) << out;
     }
 }
 
@@ -161,15 +188,11 @@ TEST_F(IpcTest, KilledProcessNotifiesInLinkOrderAndFailsItsCallers) {
     EXPECT_EQ("1", field(out, "relink_dead"));
     EXPECT_EQ("1", field(out, "call_dead"));
     EXPECT_EQ("1", field(out, "entry_gone"));
-    std::smatch m;
-    std::string rest = out;
-    int notices = 0;
-    while (std::regex_search(rest, m, std::regex("died index=\\d+ at=(\\d+)"))) {
-        EXPECT_LT(std::stoll(m[1].str()) - killedAt, 100) << out;
-        notices++;
-        rest = m.suffix();
+    const std::vector<std::string> notices = linesStartingWith(out, "died ");
+    EXPECT_EQ(5u, notices.size()) << out;
+    for (const std::string& line : notices) {
+        EXPECT_LT(std::stoll(field(line, "at")) - killedAt, 100) << out;
     }
-    EXPECT_EQ(5, notices);
 }
 
 TEST_F(IpcTest, FileDescriptorsReachTheOtherProcess) {
@@ -218,10 +241,11 @@ TEST_F(IpcTest, ServiceManagerCodes) {
     EXPECT_EQ("1", field(out, "unknown_code"));
     EXPECT_EQ("android.os.IServiceManager", field(out, "descriptor"));
     EXPECT_EQ("1", field(out, "get_missing"));
-    std::smatch m;
-    ASSERT_TRUE(std::regex_search(out, m, std::regex("get_missing=1 ms=(\\d+)")));
-    EXPECT_GE(std::stoi(m[1].str()), 4900);
-    EXPECT_LT(std::stoi(m[1].str()), 7000);
+    const std::vector<std::string> missing = words(out, "get_missing", 2);
+    ASSERT_EQ(2u, missing.size()) << out;
+    const int waited = std::stoi(missing[1].substr(missing[1].find('=') + 1));
+    EXPECT_GE(waited, 4900);
+    EXPECT_LT(waited, 7000);
 }
 
 TEST_F(IpcTest, PermissionsFollowThePolicyFile) {
