@@ -704,6 +704,48 @@ TEST(RawDataListeners, DestructionStopsDeliveryCleanly) {
     EXPECT_EQ(listener->getStrongCount(), 1);
 }
 
+TEST(RawDataListeners, ListenersMayDropTheLastReferenceToTheFacade) {
+    // Each listener holds the only reference to its facade and lets go of it in a callback, so
+    // the facade is destroyed on its own delivery thread. ASan reports any later use.
+    static std::atomic<bool> sRelease;
+    sRelease = false;
+    class Owning : public RecordingRawListener {
+    public:
+        sp<TovarinFacade> facade;
+        void onEvent(const RawDataEvent& event) override {
+            RecordingRawListener::onEvent(event);
+            while (!sRelease.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            facade.clear();
+        }
+    };
+    class OwningState : public RecordingStateListener {
+    public:
+        sp<TovarinFacade> facade;
+        void onEvent(const StateChangeEvent& event) override {
+            RecordingStateListener::onEvent(event);
+            while (!sRelease.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            facade.clear();
+        }
+    };
+    sp<Owning> raw = new Owning();
+    sp<OwningState> state = new OwningState();
+    {
+        sp<TovarinFacade> facade = makeFacade();
+        raw->facade = facade;
+        ASSERT_EQ(facade->registerRawDataListener(raw), OK);
+        sp<TovarinFacade> other = makeFacade();
+        state->facade = other;
+        ASSERT_EQ(other->registerStateChangeListener(state), OK);
+        other->setEnabledState(0);
+        ASSERT_TRUE(raw->waitForFrames(1));
+        ASSERT_TRUE(state->waitForEvents(1));
+    }
+    sRelease = true;  // both callbacks now drop the last references
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(raw->frames().size(), 1u);
+    EXPECT_EQ(state->events().size(), 1u);
+}
+
 }  // namespace
 }  // namespace tovarin
 }  // namespace morvel

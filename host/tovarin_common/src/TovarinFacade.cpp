@@ -55,6 +55,10 @@ void quaternionFromPose(double yawDeg, double pitchDeg, double rollDeg, float ou
     out[3] = static_cast<float>(cy * cp * cr + sy * sp * sr);
 }
 
+// Set on a delivery thread whose callback destroyed the facade: the thread's loop must leave
+// without touching the facade again.
+thread_local const void* tDestroyedFacade = nullptr;
+
 int64_t nowNs() {
     return systemTime(SYSTEM_TIME_MONOTONIC);
 }
@@ -77,13 +81,19 @@ TovarinFacade::TovarinFacade(const Options& options)
     publishDiagnosticsLocked();
     mStateThread = std::thread(&TovarinFacade::stateDeliveryLoop, this);
     mRawThread = std::thread(&TovarinFacade::rawDeliveryLoop, this);
+    mStateThreadId = mStateThread.get_id();
+    mRawThreadId = mRawThread.get_id();
 }
 
 TovarinFacade::~TovarinFacade() {
-    shutdown();
+    stopThreads(true);
 }
 
 void TovarinFacade::shutdown() {
+    stopThreads(false);
+}
+
+void TovarinFacade::stopThreads(bool destroying) {
     std::deque<PendingStateChange> dropped;
     {
         std::lock_guard<std::mutex> lock(mLock);
@@ -93,10 +103,21 @@ void TovarinFacade::shutdown() {
     mStateCond.notify_all();
     mRawCond.notify_all();
     mDeliveredCond.notify_all();
+
+    const std::thread::id self = std::this_thread::get_id();
+    const bool onDeliveryThread = self == mStateThreadId || self == mRawThreadId;
+    // A delivery thread cannot wait for itself, and a concurrent shutdown() may be waiting for
+    // it: leave the joining to that caller or to the destructor.
+    if (onDeliveryThread && !destroying) return;
+
+    std::lock_guard<std::mutex> joinLock(mJoinLock);
     for (std::thread* thread : {&mStateThread, &mRawThread}) {
         if (!thread->joinable()) continue;
-        if (thread->get_id() == std::this_thread::get_id()) {
-            thread->detach();  // called from a callback: the thread ends when it returns
+        if (thread->get_id() == self) {
+            // The last reference was dropped in a callback: this thread leaves its loop as soon
+            // as the callbacks return, without touching the facade again.
+            tDestroyedFacade = this;
+            thread->detach();
         } else {
             thread->join();
         }
@@ -282,6 +303,7 @@ void TovarinFacade::stateDeliveryLoop() {
         for (const sp<StateChangeListener>& listener : targets) listener->onEvent(change.event);
         targets.clear();
         change.listeners.clear();
+        if (tDestroyedFacade == this) return;
 
         lock.lock();
         mDeliveredSequence = sequence;
@@ -550,6 +572,7 @@ void TovarinFacade::rawDeliveryLoop() {
 
         for (const sp<RawDataListener>& listener : targets) listener->onEvent(event);
         targets.clear();
+        if (tDestroyedFacade == this) return;
         ++frameIndex;
 
         const auto period = std::chrono::duration_cast<std::chrono::steady_clock::duration>(

@@ -7,8 +7,7 @@
  * Threads: every operation may be called from any thread at any time. No operation waits for a
  * listener. Listener callbacks run on two delivery threads owned by the facade (one for state
  * change events, one for raw data events), never with a lock held that an operation needs, so a
- * listener may call back into the facade. A listener must not drop the last reference to the
- * facade from inside a callback.
+ * listener may call back into the facade, and may even drop the last reference to it.
  *
  * Tracker states (per tracker id 0..trackerCount-1):
  *
@@ -119,7 +118,8 @@ public:
 
     // Stops both delivery threads and waits for them; undelivered events are dropped and no
     // listener is called after it returns. Operations keep working afterwards, but no event is
-    // delivered any more. Idempotent. Must not be called from a listener callback.
+    // delivered any more. Idempotent; safe from several threads at once. Called from a listener
+    // callback it stops delivery without waiting (the threads end when their callbacks return).
     virtual void shutdown();
 
     // Changes the raw data event rate (BAD_VALUE outside 0.1..240 per second).
@@ -156,6 +156,7 @@ private:
     // reported.
     void noteStateLocked();
     void publishDiagnosticsLocked() const;
+    void stopThreads(bool destroying);
     void stateDeliveryLoop();
     void rawDeliveryLoop();
     void renderFrame(int64_t frameIndex, int64_t nowNs, unsigned char* pixels) const;
@@ -184,8 +185,11 @@ private:
     uint64_t mQueuedSequence = 0;
     uint64_t mDeliveredSequence = 0;
 
+    std::mutex mJoinLock;  // serialises joining the delivery threads
     std::thread mStateThread;
     std::thread mRawThread;
+    std::thread::id mStateThreadId;  // set by the constructor, constant afterwards
+    std::thread::id mRawThreadId;
 };
 
 }  // namespace tovarin
