@@ -40,7 +40,7 @@ public:
     virtual void* getBase() const;
     virtual size_t getSize() const;
     virtual uint32_t getFlags() const;
-    off_t getOffset() const override;
+    virtual off_t getOffset() const;
 
     const char* getDevice() const;
 
