@@ -602,14 +602,15 @@ void Broker::killProc(Proc* p) {
         }
     }
 
-    // Its objects die: callers are told, the service manager forgets them.
+    // Its objects die: holders that asked are told, the service manager forgets them. The
+    // nodes stay (as orphans) while other processes refer to them.
     std::vector<Node*> released;
+    std::vector<Txn*> pending;
     for (auto& [binder, node] : p->nodes) {
         Node* n = node.get();
         n->dead = true;
-        std::deque<Txn*> pending;
-        pending.swap(n->asyncTodo);
-        for (Txn* t : pending) endTxn(t);
+        pending.insert(pending.end(), n->asyncTodo.begin(), n->asyncTodo.end());
+        n->asyncTodo.clear();
         for (Proc* holder : n->holders) {
             if (holder->dying) continue;
             auto h = holder->handleOf.find(n);
@@ -636,6 +637,7 @@ void Broker::killProc(Proc* p) {
         mOrphans[raw] = std::move(node);
     }
     p->nodes.clear();
+    for (Txn* t : pending) endTxn(t);
 
     std::unordered_map<uint64_t, Buffer> buffers;
     buffers.swap(p->buffers);
