@@ -3,6 +3,7 @@
 
 #include <binder/Binder.h>
 #include <binder/BpBinder.h>
+#include <binder/IPCThreadState.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
 
@@ -269,6 +270,24 @@ TEST(ParcelRoundTrip, InterfaceTokenIgnoresPolicyWordsAndComparesTheDescriptor) 
     p.writeInterfaceToken(String16("x.IFoo"));
     p.setDataPosition(0);
     EXPECT_FALSE(p.checkInterface(noInterface.get()));
+
+    // The calling thread's policy and propagated work source travel in the token, and the
+    // receiving thread takes the policy on.
+    IPCThreadState* self = IPCThreadState::self();
+    self->setStrictModePolicy(0x10);
+    const int64_t token = self->setCallingWorkSourceUid(1234);
+    Parcel t;
+    t.writeInterfaceToken(String16("x.IFoo"));
+    self->restoreCallingWorkSource(token);
+    self->clearPropagateWorkSource();
+    self->setStrictModePolicy(0);
+    t.setDataPosition(0);
+    EXPECT_EQ(t.readUint32(), 0x80000010u);
+    EXPECT_EQ(t.readInt32(), 1234);
+    t.setDataPosition(0);
+    EXPECT_TRUE(t.enforceInterface(String16("x.IFoo")));
+    EXPECT_EQ(self->getStrictModePolicy(), static_cast<int32_t>(0x80000010u));
+    self->setStrictModePolicy(0);
 }
 
 TEST(ParcelRoundTrip, LocalBinderIsTheSameObjectAndHeldUntilFreed) {

@@ -20,6 +20,7 @@
 
 #include <binder/Binder.h>
 #include <binder/BpBinder.h>
+#include <binder/IPCThreadState.h>
 #include <binder/ProcessState.h>
 
 #include <log/log.h>
@@ -611,12 +612,18 @@ status_t Parcel::writeString16(const char16_t* str, size_t len) {
 }
 
 status_t Parcel::writeInterfaceToken(const String16& interface) {
-    // This process runs no strict-mode policy of its own: policy 0 with the gather bit.
-    if (status_t err = writeInt32(static_cast<int32_t>(kStrictModePenaltyGather));
+    // The calling thread's strict-mode policy (0 unless set) with the gather bit, and its work
+    // source when it propagates one.
+    const IPCThreadState* threadState = IPCThreadState::self();
+    const uint32_t policy = static_cast<uint32_t>(threadState->getStrictModePolicy());
+    if (status_t err = writeInt32(static_cast<int32_t>(policy | kStrictModePenaltyGather));
         err != NO_ERROR) {
         return err;
     }
-    if (status_t err = writeInt32(kUnsetWorkSource); err != NO_ERROR) return err;
+    const int32_t workSource = threadState->shouldPropagateWorkSource()
+            ? static_cast<int32_t>(threadState->getCallingWorkSourceUid())
+            : kUnsetWorkSource;
+    if (status_t err = writeInt32(workSource); err != NO_ERROR) return err;
     return writeString16(interface);
 }
 
@@ -1010,10 +1017,14 @@ int32_t Parcel::readExceptionCode() const {
 }
 
 bool Parcel::enforceInterface(const String16& interface, IPCThreadState* threadState) const {
-    (void)threadState;
-    // The strict-mode policy and the work source are carried but not acted on.
-    readInt32();
-    readInt32();
+    // The policy and work-source words take no part in the check; they become the serving
+    // thread's (a one-way call runs detached from its caller, so without a policy).
+    const int32_t policy = readInt32();
+    const int32_t workSource = readInt32();
+    if (threadState == nullptr) threadState = IPCThreadState::self();
+    const bool oneway = (threadState->getLastTransactionBinderFlags() & IBinder::FLAG_ONEWAY) != 0;
+    threadState->setStrictModePolicy(oneway ? 0 : policy);
+    threadState->setCallingWorkSourceUidWithoutPropagation(static_cast<uid_t>(workSource));
     size_t len = 0;
     const char16_t* str = readString16Inplace(&len);
     if (str != nullptr && len == interface.size() &&
