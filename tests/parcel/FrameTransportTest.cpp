@@ -84,7 +84,7 @@ protected:
     void TearDown() override {
         for (auto& receiver : mReceivers) {
             receiver->kill(SIGKILL);
-            EXPECT_EQ(128 + SIGKILL, receiver->wait(5000));
+            EXPECT_EQ(128 + SIGKILL, receiver->wait(5000)) << receiver->output();
         }
     }
 

@@ -42,7 +42,10 @@ ReceivedBuffer* adoptFrame(InboundFrame& frame, uint64_t bufferId, Parcel* parce
     size_t nextFd = 0;
     sp<ProcessState> proc = ProcessState::self();
     for (size_t i = 0; i < body.objectsCount; i++) {
-        auto* obj = reinterpret_cast<flat_binder_object*>(body.data + body.offsets[i]);
+        // Objects sit at 4-byte aligned offsets: work on an aligned copy.
+        flat_binder_object copy;
+        memcpy(&copy, body.data + body.offsets[i], sizeof(copy));
+        flat_binder_object* obj = &copy;
         if (obj->hdr.type == BINDER_TYPE_HANDLE) {
             rb->proxies.push_back(proc->receiveHandle(static_cast<int32_t>(obj->handle)));
         } else if (obj->hdr.type == BINDER_TYPE_FD) {
@@ -55,6 +58,7 @@ ReceivedBuffer* adoptFrame(InboundFrame& frame, uint64_t bufferId, Parcel* parce
                 obj->handle = static_cast<uint32_t>(-1);
                 obj->cookie = 0;
             }
+            memcpy(body.data + body.offsets[i], &copy, sizeof(copy));
         }
     }
     rb->frame = frame.takePayload();
