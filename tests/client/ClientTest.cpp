@@ -98,9 +98,9 @@ TEST_F(ClientTest, LookupIsCachedSharedAndClearedByDeath) {
 
     killService(service);
     ASSERT_TRUE(client->waitForOutput("DIED", 10000)) << client->output();
-    EXPECT_EQ(1u, logLines(client->output(), 6, "-", kDied).size());
     auto replacement = startService();
     EXPECT_EQ(0, client->wait(10000)) << client->output();
+    EXPECT_EQ(1u, logLines(client->output(), 6, "-", kDied).size()) << client->output();
     EXPECT_EQ("RECONNECTED queries=1 new=1 enabled=1", lineOf(client->output(), "RECONNECTED"));
 }
 
