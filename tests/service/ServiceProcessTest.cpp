@@ -6,13 +6,13 @@
 #include <hostbinder_test/Runtime.h>
 #include <utils/Errors.h>
 
+#include <ctype.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <memory>
-#include <regex>
 #include <string>
 #include <thread>
 
@@ -40,6 +40,17 @@ bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
+// The digits that follow `key` in `text`; empty when `key` is absent.
+std::string numberAfter(const std::string& text, const std::string& key) {
+    const size_t start = text.find(key);
+    if (start == std::string::npos) return "";
+    size_t end = start + key.size();
+    while (end < text.size() && (isdigit(static_cast<unsigned char>(text[end])) || text[end] == '-')) {
+        ++end;
+    }
+    return text.substr(start + key.size(), end - start - key.size());
+}
+
 class ServiceProcessTest : public ::testing::Test {
 protected:
     void startRuntime(const std::string& policy) {
@@ -50,10 +61,11 @@ protected:
     }
 
     // Runs a client mode to its end and returns what it printed.
-    std::string run(std::vector<std::string> args) {
+    std::string run(std::vector<std::string> args, pid_t* pid = nullptr) {
         args.insert(args.begin(), helper());
         ChildProcess client(args);
         EXPECT_EQ(0, client.wait(kTimeoutMs)) << client.output();
+        if (pid != nullptr) *pid = client.pid();
         return client.output();
     }
 
@@ -86,7 +98,8 @@ protected:
 
 TEST_F(ServiceProcessTest, EveryOperationAcrossProcesses) {
     startRuntime(grants({kControl, kDump}));
-    const std::string out = run({"operations"});
+    pid_t pid = -1;
+    const std::string out = run({"operations"}, &pid);
     for (const char* line : {"enabled=1", "handle=0/-1", "setConfiguration=0", "start=0",
                              "sample=0 text=simulated timestamp>0=1", "standby=0", "stop=0",
                              "setPid=0", "released", "registerRawDataListener=-1 handle=-1",
@@ -99,8 +112,13 @@ TEST_F(ServiceProcessTest, EveryOperationAcrossProcesses) {
     EXPECT_TRUE(contains(report, "call: releaseHeadTrackerHandle 0 -1")) << report;
     EXPECT_TRUE(contains(report, "records state=0 poller=0")) << report;
     // The information lines name the calling process.
-    EXPECT_TRUE(std::regex_search(report, std::regex("log: 4\\|TovarinBnTovarinService\\|.*\\(\\d+\\): "
-                                                     "head tracker \\(0\\) - started")))
+    const std::string caller = helper() + "(" + std::to_string(pid) + ")";
+    EXPECT_TRUE(contains(report, "log: 4|TovarinBnTovarinService|" + caller +
+                                         ": head tracker (0) - started"))
+            << report;
+    EXPECT_TRUE(contains(report, "log: 4|TovarinBnTovarinService|" + caller +
+                                         ": head tracker (0) - setConfiguration to "
+                                         "debugString=bench; fidelity=3; filter=2"))
             << report;
 }
 
@@ -108,13 +126,12 @@ TEST_F(ServiceProcessTest, KilledClientIsCleanedUp) {
     startRuntime(grants({kControl, kDump}));
     ChildProcess client({helper(), "hold"});
     ASSERT_TRUE(client.waitForOutput("held", kTimeoutMs)) << client.output();
-    std::smatch match;
     const std::string held = client.output();
-    ASSERT_TRUE(std::regex_search(held, match,
-                                  std::regex("held status=0 listener=(\\d+) tracker=(\\d+)")))
-            << held;
-    const std::string listener = match[1];
-    const std::string tracker = match[2];
+    ASSERT_TRUE(contains(held, "held status=0 ")) << held;
+    const std::string listener = numberAfter(held, "listener=");
+    const std::string tracker = numberAfter(held, "tracker=");
+    ASSERT_FALSE(listener.empty());
+    ASSERT_NE("-1", tracker);
     EXPECT_TRUE(contains(probe(), "records state=1 poller=1"));
 
     const std::string name = helper() + "(" + std::to_string(client.pid()) + ")";
@@ -201,6 +218,22 @@ TEST_F(ServiceProcessTest, HostileClientCannotBringTheServiceDown) {
     }
     // Normal service afterwards.
     EXPECT_TRUE(contains(run({"protocol"}), "code 16 status="));
+}
+
+TEST_F(ServiceProcessTest, TovarindServesTheSimulatedTracker) {
+    const char* tovarind = getenv("TOVARIND");
+    ASSERT_NE(nullptr, tovarind);
+    mRuntime = std::make_unique<RuntimeInstance>(grants({kControl, kDump}));
+    ChildProcess daemon({tovarind});
+    ASSERT_TRUE(daemon.waitForOutput("tovarind: serving morvel.tovarin.service", kTimeoutMs))
+            << daemon.output();
+    const std::string out = run({"operations"});
+    for (const char* line : {"handle=0/-1", "start=0", "sample=0 text=simulated",
+                             "registerRawDataListener=-1 handle=-1",
+                             "token destroyed after release=1"}) {
+        EXPECT_TRUE(contains(out, line)) << line << "\n" << out;
+    }
+    EXPECT_TRUE(contains(run({"events", "4"}), "events 0101 ordered=1"));
 }
 
 }  // namespace
