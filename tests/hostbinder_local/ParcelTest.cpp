@@ -408,7 +408,12 @@ TEST(ParcelRoundTrip, SizeAndPositionSetters) {
     EXPECT_EQ(p.setDataCapacity(100), NO_ERROR);
     EXPECT_GE(p.dataCapacity(), 100u);
 
-    // A write past the end leaves zeroed bytes in between.
+    // A write past the end leaves zeroed bytes in between, also in a parcel with no buffer yet.
+    Parcel fresh;
+    fresh.setDataPosition(4);
+    fresh.writeInt32(3);
+    EXPECT_EQ(bytesOf(fresh), Bytes({0, 0, 0, 0, 3, 0, 0, 0}));
+
     p.setDataPosition(20);
     p.writeInt32(7);
     EXPECT_EQ(p.dataSize(), 24u);

@@ -304,7 +304,7 @@ status_t Parcel::continueWrite(size_t desired) {
             return NO_MEMORY;
         }
         mDataCapacity = desired;
-        mDataSize = mDataPos = 0;
+        mDataSize = 0;
         return NO_ERROR;
     }
 
