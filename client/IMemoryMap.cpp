@@ -51,13 +51,11 @@ void IMemoryMap::setFilesize(int filesize) {
     sFilesize.store(filesize, std::memory_order_relaxed);
 }
 
-IMemoryMap::IMemoryMap()
-    : mFilesize(sFilesize.load(std::memory_order_relaxed)), mIndex(0) {
+IMemoryMap::IMemoryMap() : mFilesize(sFilesize.load(std::memory_order_relaxed)), mIndex(0) {
     // A slot size that cannot make a heap (not positive, or six of it overflowing) leaves every
     // slot without memory: frames then leave the process without pixels.
     const int64_t heapSize = static_cast<int64_t>(mFilesize) * kSlotCount;
-    if (mFilesize > 0 &&
-        static_cast<uint64_t>(heapSize) <= std::numeric_limits<size_t>::max()) {
+    if (mFilesize > 0 && static_cast<uint64_t>(heapSize) <= std::numeric_limits<size_t>::max()) {
         mHeap = new MemoryDealer(static_cast<size_t>(heapSize));
         const sp<IMemoryHeap> heap = mHeap->getMemoryHeap();
         if (heap == nullptr || heap->getHeapID() < 0 || heap->getBase() == MAP_FAILED) {

@@ -47,8 +47,7 @@ public:
     android::status_t unparcel(CameraFrameEvent& event, const android::Parcel& parcel);
 
     // 7 + 1 + 6 int32 items; the flag reads as true when non-zero. Always return OK.
-    android::status_t parcelCameraSettings(const CameraSettings& settings,
-                                           android::Parcel& parcel);
+    android::status_t parcelCameraSettings(const CameraSettings& settings, android::Parcel& parcel);
     android::status_t unparcelCameraSettings(CameraSettings& settings,
                                              const android::Parcel& parcel);
 

@@ -21,7 +21,8 @@ std::string readString8UpToNul(const Parcel& parcel) {
     int32_t count = 0;
     if (parcel.readInt32(&count) != OK || count <= 0) return std::string();
     if (static_cast<size_t>(count) >= parcel.dataAvail()) return std::string();
-    const char* chars = static_cast<const char*>(parcel.readInplace(static_cast<size_t>(count) + 1));
+    const auto* chars =
+            static_cast<const char*>(parcel.readInplace(static_cast<size_t>(count) + 1));
     if (chars == nullptr || chars[count] != '\0') return std::string();
     return std::string(chars, strnlen(chars, static_cast<size_t>(count)));
 }

@@ -40,8 +40,7 @@ status_t RawDataEventParceler::parcelHeadLocation(const HeadLocation& location, 
     return OK;
 }
 
-status_t RawDataEventParceler::unparcelHeadLocation(HeadLocation& location,
-                                                    const Parcel& parcel) {
+status_t RawDataEventParceler::unparcelHeadLocation(HeadLocation& location, const Parcel& parcel) {
     location.flag0 = parcel.readInt32() != 0;
     location.flag1 = parcel.readInt32() != 0;
     location.value = parcel.readInt32();
@@ -53,9 +52,9 @@ status_t RawDataEventParceler::unparcelHeadLocation(HeadLocation& location,
     return OK;
 }
 
-static_assert(sizeof(HeadLocation::orientation) / sizeof(float) + sizeof(HeadLocation::vector8) /
-                                      sizeof(float) + sizeof(HeadLocation::vector27) /
-                                      sizeof(float) + 5 ==
+static_assert(sizeof(HeadLocation::orientation) / sizeof(float) +
+                              sizeof(HeadLocation::vector8) / sizeof(float) +
+                              sizeof(HeadLocation::vector27) / sizeof(float) + 5 ==
                       RawDataEventParceler::kHeadLocationItems,
               "a head location is 44 items on the wire");
 

@@ -29,8 +29,7 @@ namespace {
 
 class FrameReceiver : public BBinder {
 protected:
-    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply,
-                        uint32_t flags) override {
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
         std::lock_guard<std::mutex> lock(mLock);
         FrameReport report;
         if (code == kReadCameraFrame) {

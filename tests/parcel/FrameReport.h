@@ -22,9 +22,9 @@ struct FrameReport {
     int32_t hasData = 0;
     int32_t width = 0;
     int32_t height = 0;
-    uint64_t checksum = 0;     // of width x height pixels, 0 without pixels
-    int64_t dataAddress = 0;   // where the receiver's copy lives (its parceler's buffer)
-    int64_t memoryOffset = -1; // offset of the received memory in its heap, -1 without one
+    uint64_t checksum = 0;      // of width x height pixels, 0 without pixels
+    int64_t dataAddress = 0;    // where the receiver's copy lives (its parceler's buffer)
+    int64_t memoryOffset = -1;  // offset of the received memory in its heap, -1 without one
     int32_t sampleCount = 0;
     int64_t timestamp = 0;
     int32_t locationValue = 0;       // raw data only: headLocation0.value

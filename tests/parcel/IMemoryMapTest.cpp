@@ -54,16 +54,16 @@ IMemoryMap* sharedRing() {
 }
 
 // Runs `scenario` in a child process with a fresh ring; the child reports failures on stderr.
-#define IN_FRESH_PROCESS(scenario)                                                        \
-    do {                                                                                  \
-        GTEST_FLAG_SET(death_test_style, "threadsafe");                                   \
-        EXPECT_EXIT(                                                                      \
-                {                                                                         \
-                    const char* failure = (scenario)();                                   \
-                    if (failure != nullptr) fprintf(stderr, "FAILED: %s\n", failure);     \
-                    _exit(failure == nullptr ? 0 : 1);                                    \
-                },                                                                        \
-                ::testing::ExitedWithCode(0), "");                                        \
+#define IN_FRESH_PROCESS(scenario)                                                    \
+    do {                                                                              \
+        GTEST_FLAG_SET(death_test_style, "threadsafe");                               \
+        EXPECT_EXIT(                                                                  \
+                {                                                                     \
+                    const char* failure = (scenario)();                               \
+                    if (failure != nullptr) fprintf(stderr, "FAILED: %s\n", failure); \
+                    _exit(failure == nullptr ? 0 : 1);                                \
+                },                                                                    \
+                ::testing::ExitedWithCode(0), "");                                    \
     } while (0)
 
 #define CHECK_OR_RETURN(condition) \
@@ -160,8 +160,8 @@ TEST(IMemoryMapTest, ConcurrentWritersNeverShareASlot) {
             got[t] = sharedRing()->getMemoryWithData(2000000 + 2 * round + t,
                                                      const_cast<unsigned char*>(frames[t].data()));
             barrier.wait();
-            if (t == 0 && (got[0] == got[1] || !holds(got[0], frames[0]) ||
-                           !holds(got[1], frames[1]))) {
+            if (t == 0 &&
+                (got[0] == got[1] || !holds(got[0], frames[0]) || !holds(got[1], frames[1]))) {
                 failures++;
             }
         }

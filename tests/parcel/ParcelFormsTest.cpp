@@ -215,7 +215,8 @@ TEST(ParcelFormsTest, EveryFormWritesItsExactBytes) {
     const RawDataEvent raw = sampleRawEvent();
 
     const std::vector<GoldenForm> forms = {
-            {"handle", [&](Parcel& p) { EXPECT_EQ(OK, HeadTrackerHandleParceler::parcel(handle, p)); },
+            {"handle",
+             [&](Parcel& p) { EXPECT_EQ(OK, HeadTrackerHandleParceler::parcel(handle, p)); },
              WireBytes().i32(7).bytes(), 4},
             {"configuration",
              [&](Parcel& p) { EXPECT_EQ(OK, HeadTrackerHandleParceler::parcel(config, p)); },
@@ -446,20 +447,6 @@ TEST(ParcelFormsTest, HeadLocationsCarryEverythingButTheLocalIndex) {
     EXPECT_TRUE(flagged.flag1);
 }
 
-TEST(ParcelFormsTest, SampleCountsBelowOneLeaveTheListEmpty) {
-    for (int32_t count : {0, -1, std::numeric_limits<int32_t>::min()}) {
-        SCOPED_TRACE(count);
-        WireBytes b;
-        b.i64(1).i64(2).i32(0).i32(0).i32(0).append(settingsBytes(sampleSettings())).i32(count);
-        b.append(sensorBytes(sampleSensor(1)));
-        Parcel parcel;
-        loadBytes(parcel, b.bytes());
-        CameraFrameEvent back;
-        CameraFrameEventParceler().unparcel(back, parcel);
-        EXPECT_TRUE(back.sensorData.empty());
-    }
-}
-
 // ---------------------------------------------------------------------------------------------
 // Pixels through shared memory, within one process.
 
@@ -646,14 +633,6 @@ TEST(ParcelFormsTest, EmptyParcelReadsAsZerosAndEmptyStrings) {
     StateChangeEventParceler::unparcel(change, empty);
     EXPECT_FALSE(change.flag);
     EXPECT_EQ(0, change.state.primary);
-
-    RawDataEventParceler reader;
-    RawDataEvent raw;
-    EXPECT_EQ(OK, reader.unparcel(raw, empty));
-    EXPECT_EQ(nullptr, raw.cameraFrameEvent.data);
-    EXPECT_TRUE(raw.cameraFrameEvent.sensorData.empty());
-    EXPECT_EQ(0.0f, raw.headLocation0.orientation[3]);
-    EXPECT_EQ(-1, raw.headLocation0.localIndex);
 }
 
 TEST(ParcelFormsTest, MalformedStringsReadAsEmpty) {
@@ -685,7 +664,8 @@ TEST(ParcelFormsTest, MalformedStringsReadAsEmpty) {
     }
 
     // Event text running to the end of the data without a NUL.
-    std::vector<uint8_t> bytes = WireBytes().i64(1).f32(0).f32(0).f32(0).i32(0).i32(0).f32(0).bytes();
+    std::vector<uint8_t> bytes =
+            WireBytes().i64(1).f32(0).f32(0).f32(0).i32(0).i32(0).f32(0).bytes();
     for (int i = 0; i < 8; ++i) bytes.push_back('k');
     Parcel parcel;
     loadBytes(parcel, bytes);
@@ -696,20 +676,28 @@ TEST(ParcelFormsTest, MalformedStringsReadAsEmpty) {
 }
 
 TEST(ParcelFormsTest, SampleCountIsBoundedByWhatTheParcelHolds) {
-    for (int32_t claimed : {3, 1000, std::numeric_limits<int32_t>::max()}) {
+    // Two samples follow the count, then 4 bytes: less than a sample.
+    const int32_t kMax = std::numeric_limits<int32_t>::max();
+    const std::vector<std::pair<int32_t, size_t>> claimedAndRead = {
+            {0, 0},    {-1, 0},   {std::numeric_limits<int32_t>::min(), 0}, {1, 1}, {3, 2},
+            {1000, 2}, {kMax, 2},
+    };
+    for (const auto& [claimed, expected] : claimedAndRead) {
         SCOPED_TRACE(claimed);
         WireBytes b;
         b.i64(1).i64(2).i32(0).i32(0).i32(0).append(settingsBytes(sampleSettings())).i32(claimed);
         for (int i = 0; i < 2; ++i) b.append(sensorBytes(sampleSensor(100 + i)));
-        b.i32(kSentinel);  // 4 bytes: less than a sample
+        b.i32(kSentinel);
         Parcel parcel;
         loadBytes(parcel, b.bytes());
         CameraFrameEvent back;
         const auto start = std::chrono::steady_clock::now();
         CameraFrameEventParceler().unparcel(back, parcel);
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
-        ASSERT_EQ(2u, back.sensorData.size());
-        EXPECT_EQ(101, back.sensorData[1].timestamp);
+        ASSERT_EQ(expected, back.sensorData.size());
+        if (expected == 2) {
+            EXPECT_EQ(101, back.sensorData[1].timestamp);
+        }
         EXPECT_LT(back.sensorData.capacity(), 16u);
     }
 }
@@ -728,7 +716,8 @@ TEST(ParcelFormsTest, EveryTruncationOfARawDataEventIsReadSafely) {
     withSlot.insert(withSlot.end(), nullBinder.data(), nullBinder.data() + nullBinder.dataSize());
     withSlot.insert(withSlot.end(), full.begin() + hasPixelsOffset + 4, full.end());
 
-    for (const std::vector<uint8_t>* form : {&full, const_cast<const std::vector<uint8_t>*>(&withSlot)}) {
+    const std::vector<const std::vector<uint8_t>*> forms = {&full, &withSlot};
+    for (const std::vector<uint8_t>* form : forms) {
         RawDataEventParceler reader;
         for (size_t length = 0; length <= form->size(); ++length) {
             SCOPED_TRACE(length);
