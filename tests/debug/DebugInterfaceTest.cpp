@@ -42,6 +42,7 @@ using morvel::tovarin::binder::BnTovarinDebug;
 using morvel::tovarin::binder::BpTovarinDebug;
 using morvel::tovarin::binder::ITovarinDebug;
 using morvel::tovarin::binder::ITovarinService;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
@@ -236,7 +237,7 @@ TEST_F(DebugStubTest, RepliesAndPermissionGateForEveryCode) {
                 EXPECT_EQ(tokenSize(), readTo) << "a refused request's arguments are not read";
                 const auto errors = permissionErrors(capture);
                 ASSERT_EQ(1u, errors.size());
-                EXPECT_THAT(errors[0], HasSubstr(std::string("before calling ") + c.method));
+                EXPECT_THAT(errors[0], EndsWith(std::string("before calling ") + c.method));
             }
         }
     }
