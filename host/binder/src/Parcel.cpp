@@ -325,9 +325,12 @@ status_t Parcel::continueWrite(size_t desired) {
     return NO_ERROR;
 }
 
-status_t Parcel::growObjects() {
-    if (mObjectsSize < mObjectsCapacity) return NO_ERROR;
-    const size_t newCapacity = mObjectsCapacity == 0 ? 4 : mObjectsCapacity + mObjectsCapacity / 2;
+status_t Parcel::growObjects(size_t extra) {
+    if (mObjectsCapacity - mObjectsSize >= extra) return NO_ERROR;
+    size_t newCapacity = mObjectsCapacity == 0 ? 4 : mObjectsCapacity + mObjectsCapacity / 2;
+    // The table never lists more objects than the largest data can hold.
+    if (extra > kMaxDataSize / kObjectSize) return NO_MEMORY;
+    if (newCapacity < mObjectsSize + extra) newCapacity = mObjectsSize + extra;
     binder_size_t* objects =
             static_cast<binder_size_t*>(realloc(mObjects, newCapacity * sizeof(binder_size_t)));
     if (objects == nullptr) {
@@ -445,7 +448,9 @@ status_t Parcel::appendFrom(const Parcel* parcel, size_t offset, size_t len) {
     }
 
     const size_t startPos = mDataPos;
+    // Room for the bytes and the table first, so that no object is copied without its entry.
     if (status_t err = growData(len); err != NO_ERROR) return err;
+    if (status_t err = growObjects(count); err != NO_ERROR) return err;
     memcpy(mData + mDataPos, parcel->mData + offset, len);
     finishWrite(len);
 
@@ -454,7 +459,6 @@ status_t Parcel::appendFrom(const Parcel* parcel, size_t offset, size_t len) {
         const binder_size_t off = parcel->mObjects[i];
         if (off < offset || off + kObjectSize > offset + len) continue;
         count--;
-        if (status_t e = growObjects(); e != NO_ERROR) return e;
         const size_t newOff = off - offset + startPos;
         flat_binder_object obj = objectAt(newOff);
         if (obj.hdr.type == BINDER_TYPE_FD) {
@@ -639,7 +643,7 @@ status_t Parcel::writeObject(const flat_binder_object& val, bool nullMetaData) {
     // growData() first: it takes possession of adopted buffers before the table grows.
     if (status_t err = growData(kObjectSize); err != NO_ERROR) return err;
     if (record) {
-        if (status_t err = growObjects(); err != NO_ERROR) return err;
+        if (status_t err = growObjects(1); err != NO_ERROR) return err;
     }
     memcpy(mData + mDataPos, &val, kObjectSize);
     if (record) {

@@ -192,7 +192,8 @@ private:
     // Makes room for `len` more bytes at the current position.
     status_t growData(size_t len);
     status_t continueWrite(size_t desired);
-    status_t growObjects();
+    // Makes room for `extra` more entries in the object table.
+    status_t growObjects(size_t extra);
     void freeDataNoInit();
     void initState();
     void scanForFds() const;
