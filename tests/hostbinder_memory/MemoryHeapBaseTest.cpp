@@ -69,6 +69,15 @@ TEST(MemoryHeapBaseTest, ReadOnlyHeapIsWritableByItsOwnerOnly) {
     ASSERT_NE(readable, MAP_FAILED);
     EXPECT_STREQ(static_cast<const char*>(readable), "owner");
     munmap(readable, kPage);
+
+    // A heap made over that descriptor is usable read-only, and only when asked so.
+    sp<MemoryHeapBase> view = new MemoryHeapBase(heap->getHeapID(), kPage,
+                                                 MemoryHeapBase::READ_ONLY);
+    ASSERT_TRUE(usable(view));
+    EXPECT_STREQ(static_cast<const char*>(view->getBase()), "owner");
+    EXPECT_EQ(hostbinder_memory_test::mappingPermissions(view->getBase()), "r--s");
+    sp<MemoryHeapBase> writableView = new MemoryHeapBase(heap->getHeapID(), kPage);
+    EXPECT_EQ(writableView->getBase(), MAP_FAILED);
 }
 
 TEST(MemoryHeapBaseTest, DescriptorHeapsMapOnlyWhatTheFileHolds) {

@@ -3,6 +3,8 @@
  */
 #pragma once
 
+#include <stdio.h>
+
 #include <fstream>
 #include <string>
 

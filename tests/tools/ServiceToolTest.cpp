@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
+#include <stdio.h>
 
 using namespace android;
 using tools_test::ToolRun;
@@ -63,16 +63,23 @@ TEST_F(ServiceToolTest, ListNumbersEveryServiceWithItsDescriptor) {
     std::istringstream lines(r.out);
     std::string header;
     std::getline(lines, header);
-    std::smatch m;
-    ASSERT_TRUE(std::regex_match(header, m, std::regex("Found (\\d+) services:"))) << header;
-    const int count = std::stoi(m[1]);
+    int count = -1, used = 0;
+    ASSERT_EQ(sscanf(header.c_str(), "Found %d services:%n", &count, &used), 1) << header;
+    ASSERT_EQ(static_cast<size_t>(used), header.size()) << header;
     int index = 0;
     bool sawEcho = false, sawOther = false;
     for (std::string line; std::getline(lines, line); ++index) {
-        ASSERT_TRUE(std::regex_match(line, m, std::regex("(\\d+)\t([^:]+): \\[(.*)\\]"))) << line;
-        EXPECT_EQ(std::stoi(m[1]), index);
-        if (m[2] == "tools.echo") sawEcho = (m[3] == "hostbinder.test.IEcho");
-        if (m[2] == "tools.other") sawOther = (m[3] == "");
+        // "<index>\t<name>: [<descriptor>]"
+        const size_t tab = line.find('\t');
+        const size_t colon = line.find(": [");
+        ASSERT_TRUE(tab != std::string::npos && colon != std::string::npos && colon > tab &&
+                    line.back() == ']')
+                << line;
+        EXPECT_EQ(line.substr(0, tab), std::to_string(index));
+        const std::string name = line.substr(tab + 1, colon - tab - 1);
+        const std::string descriptor = line.substr(colon + 3, line.size() - colon - 4);
+        if (name == "tools.echo") sawEcho = (descriptor == "hostbinder.test.IEcho");
+        if (name == "tools.other") sawOther = descriptor.empty();
     }
     EXPECT_EQ(index, count);
     EXPECT_TRUE(sawEcho) << r.out;

@@ -10,6 +10,7 @@
 
 #include <log/log.h>
 
+#include <climits>
 #include <mutex>
 #include <sys/mman.h>
 
@@ -60,6 +61,8 @@ status_t BnMemoryHeap::onTransact(uint32_t code, const Parcel& data, Parcel* rep
     switch (code) {
         case HEAP_ID: {
             CHECK_INTERFACE(IMemoryHeap, data, reply);
+            // The size travels as an int32: a larger heap cannot be described.
+            if (getSize() > static_cast<size_t>(INT32_MAX)) return BAD_VALUE;
             if (status_t s = reply->writeDupFileDescriptor(getHeapID()); s != NO_ERROR) return s;
             reply->writeInt32(static_cast<int32_t>(getSize()));
             reply->writeInt32(static_cast<int32_t>(getFlags()));

@@ -140,10 +140,12 @@ status_t MemoryHeapBase::mapfd(int fd, size_t size, off_t offset) {
     }
 
     if ((mFlags & DONT_MAP_LOCALLY) == 0) {
-        int prot = PROT_READ | PROT_WRITE;
-        const int accessMode = fcntl(fd, F_GETFL) & O_ACCMODE;
-        if ((mFlags & READ_ONLY) && accessMode == O_RDONLY) prot = PROT_READ;
-        void* base = mmap(nullptr, size, prot, MAP_SHARED, fd, offset);
+        void* base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, offset);
+        if (base == MAP_FAILED && (mFlags & READ_ONLY) && (errno == EACCES || errno == EPERM)) {
+            // A read-only heap over a descriptor that cannot be written (opened read-only,
+            // or sealed by its creator) is read-only here too.
+            base = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, offset);
+        }
         if (base == MAP_FAILED) {
             int err = errno;
             ALOGE("mapping heap descriptor %d (%zu bytes) failed: %s", fd, size, strerror(err));
