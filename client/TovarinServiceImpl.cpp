@@ -220,12 +220,13 @@ void TovarinServiceImpl::binderDied(const wp<IBinder>& /*who*/) {
     {
         AutoMutex lock(mServiceLock);
         if (mService != nullptr) {
-            IInterface::asBinder(mService)->unlinkToDeath(
-                    wp<IBinder::DeathRecipient>(this), nullptr, 0, nullptr);
+            IInterface::asBinder(mService)->unlinkToDeath(wp<IBinder::DeathRecipient>(this),
+                                                          nullptr, 0, nullptr);
         }
         mService.clear();
         if (TovarinLogger::getInstance()->shouldLog(kTag, 6)) {
-            rendel_log_write2(6, &sLogState, 2, kTag, "Client's binder connection to Tovarin died!");
+            rendel_log_write2(6, &sLogState, 2, kTag,
+                              "Client's binder connection to Tovarin died!");
         }
     }
 

@@ -259,6 +259,10 @@ int restartScenario() {
     const bool events = waitUntil([&] { return s1->events > 0 && s2->events > 0; }, 15000);
     usleep(300 * 1000);
     say("EVENTS s1=%d s2=%d s3=%d", s1->events.load(), s2->events.load(), s3->events.load());
+    // The registrations made by the recovery are the ones the application can undo.
+    say("UNREGISTER %d %d", r1->getHandle(), s1->getHandle());
+    impl->unregisterRawDataListener(r1);
+    impl->unregisterStateChangeListener(s1);
     return events ? 0 : 5;
 }
 
@@ -339,9 +343,8 @@ int forwardingScenario() {
     say("HARDWARE impl=%d service=%d", impl->getHardwareState(), service->getHardwareState());
     const HeadTrackingState state = impl->getHeadTrackingState();
     const HeadTrackingState direct = service->getHeadTrackingState();
-    say("STATE same=%d primary=%d", state.primary == direct.primary &&
-                                            state.secondary == direct.secondary,
-        state.primary);
+    say("STATE same=%d primary=%d",
+        state.primary == direct.primary && state.secondary == direct.secondary, state.primary);
     say("ENABLED %d", impl->getEnabled());
     sp<TestStateChangeListener> twice = new TestStateChangeListener("twice");
     say("TWICE %d %d", impl->registerStateChangeListener(twice),

@@ -130,6 +130,14 @@ TEST_F(ClientTest, ListenersReturnToARestartedService) {
     ASSERT_EQ(2u, raw.size()) << registered;
     ASSERT_EQ(2u, state.size()) << registered;
     EXPECT_LT(raw.back(), state.front()) << "raw data listeners come back first\n" << registered;
+    // The client undid one registration of each kind, under the handles the new service gave.
+    std::istringstream handles(
+            lineOf(client->output(), "UNREGISTER ").substr(strlen("UNREGISTER")));
+    int rawHandle = -1, stateHandle = -1;
+    handles >> rawHandle >> stateHandle;
+    EXPECT_EQ(1u, find(registered, "RAW_UNREGISTER " + std::to_string(rawHandle)).size());
+    EXPECT_EQ(1u, find(registered, "STATE_UNREGISTER " + std::to_string(stateHandle)).size());
+    EXPECT_NE(-1, stateHandle);
 
     // The lookup's notifier runs before the singleton's recovery, which therefore never sees
     // the dead proxy; no wait was given up.
@@ -156,8 +164,9 @@ TEST_F(ClientTest, ServiceAwayLongerThanTheWait) {
     const auto gaveUp = std::chrono::steady_clock::now() - died;
     EXPECT_GE(gaveUp, std::chrono::milliseconds(4500));
     usleep(1500 * 1000);
-    EXPECT_EQ(1u, logLines(client->output(), 5, "TovarinServiceImpl", "Unable to find service...")
-                          .size())
+    EXPECT_EQ(
+            1u,
+            logLines(client->output(), 5, "TovarinServiceImpl", "Unable to find service...").size())
             << client->output();
 
     auto second = startService();
@@ -177,9 +186,12 @@ TEST_F(ClientTest, FallbacksWithoutService) {
     ASSERT_EQ(0, client->wait(15000)) << client->output();
     const std::string output = client->output();
     const std::vector<std::string> expected = {
-            "ENABLED 0",  "HARDWARE 0",   "STATE 32 0",   "HANDLE -1 -1",
-            "START -19",  "STOP -19",     "STANDBY -19",  "CONFIGURE -19",
-            "SETPID -19", "SAMPLE -19 4242 1.5 untouched", "REGISTER -19 -19",
+            "ENABLED 0",        "HARDWARE 0",
+            "STATE 32 0",       "HANDLE -1 -1",
+            "START -19",        "STOP -19",
+            "STANDBY -19",      "CONFIGURE -19",
+            "SETPID -19",       "SAMPLE -19 4242 1.5 untouched",
+            "REGISTER -19 -19",
     };
     for (const std::string& line : expected) {
         const std::string prefix = line.substr(0, line.find(' '));
@@ -194,7 +206,8 @@ TEST_F(ClientTest, FallbacksWithoutService) {
     const int took = std::stoi(gave.substr(strlen("GETSERVICE null=1 took=")));
     EXPECT_GE(took, 4900);
     EXPECT_LT(took, 7000);
-    EXPECT_EQ(5u, logLines(output, 3, "TovarinServiceImpl", "Waiting for Tovarin Service...").size())
+    EXPECT_EQ(5u,
+              logLines(output, 3, "TovarinServiceImpl", "Waiting for Tovarin Service...").size())
             << output;
 }
 

@@ -73,8 +73,7 @@ class RawDataAcceptingService : public BnTovarinService {
 public:
     explicit RawDataAcceptingService(const sp<TovarinFacade>& facade) : BnTovarinService(facade) {}
 
-    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply,
-                        uint32_t flags) override {
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
         if (code != REGISTER_RAW_DATA_LISTENER && code != UNREGISTER_RAW_DATA_LISTENER) {
             return BnTovarinService::onTransact(code, data, reply, flags);
         }

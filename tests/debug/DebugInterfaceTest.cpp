@@ -190,8 +190,8 @@ std::vector<StubCase> stubCases() {
                  p.writeString16(String16("w"));
              },
              "00000000", "ffffffff"},
-            {"clearOverride", 4, [](Parcel& p) { p.writeString16(String16("golden.absent")); },
-             "", ""},
+            {"clearOverride", 4, [](Parcel& p) { p.writeString16(String16("golden.absent")); }, "",
+             ""},
             {"getDiagnostic", 5,
              [](Parcel& p) {
                  p.writeInt32(1);
@@ -246,8 +246,10 @@ TEST_F(DebugStubTest, RepliesAndPermissionGateForEveryCode) {
 TEST_F(DebugStubTest, WholeStoreTextsAreTheStoresOwn) {
     setControlPermission(true);
     Parcel overrides, diagnostics;
-    ASSERT_EQ(OK, call(2, [](Parcel&) {}, &overrides));
-    ASSERT_EQ(OK, call(6, [](Parcel& p) { p.writeInt32(1); }, &diagnostics));
+    ASSERT_EQ(OK, call(
+                          2, [](Parcel&) {}, &overrides));
+    ASSERT_EQ(OK, call(
+                          6, [](Parcel& p) { p.writeInt32(1); }, &diagnostics));
     overrides.setDataPosition(4);
     diagnostics.setDataPosition(4);
     EXPECT_EQ(std::string(TovarinOverrides::getInstance()->toString().string()),
@@ -289,7 +291,8 @@ TEST_F(DebugStubTest, ForeignCodesAndTokens) {
     for (uint32_t code : {0u, 8u, 0x00ffffffu}) {
         SCOPED_TRACE(code);
         Parcel reply;
-        EXPECT_EQ(UNKNOWN_TRANSACTION, call(code, [](Parcel&) {}, &reply));
+        EXPECT_EQ(UNKNOWN_TRANSACTION, call(
+                                               code, [](Parcel&) {}, &reply));
         EXPECT_EQ(0u, reply.dataSize());
     }
     Parcel data, reply;
@@ -343,25 +346,50 @@ TEST(DebugProxy, RequestLayoutsAndReplies) {
         std::string result;
     };
     const std::vector<ProxyCase> cases = {
-            {1, [](ITovarinDebug& d) { return std::string(d.getOverride("é").string()); },
-             eAcute, [](Parcel& p) { p.writeNoException(); p.writeString16(String16("ü")); },
+            {1, [](ITovarinDebug& d) { return std::string(d.getOverride("é").string()); }, eAcute,
+             [](Parcel& p) {
+                 p.writeNoException();
+                 p.writeString16(String16("ü"));
+             },
              "ü"},
             {2, [](ITovarinDebug& d) { return std::string(d.getAllOverrides().string()); }, "",
-             [](Parcel& p) { p.writeNoException(); p.writeString16(String16("a=1\n")); },
+             [](Parcel& p) {
+                 p.writeNoException();
+                 p.writeString16(String16("a=1\n"));
+             },
              "a=1\n"},
             {3, [](ITovarinDebug& d) { return std::to_string(d.setOverride("é", "x")); },
              eAcute + "0100000078000000",
-             [](Parcel& p) { p.writeNoException(); p.writeInt32(-1); }, "-1"},
-            {4, [](ITovarinDebug& d) { d.clearOverride("é"); return std::string("-"); }, eAcute,
-             [](Parcel& p) { p.writeNoException(); }, "-"},
+             [](Parcel& p) {
+                 p.writeNoException();
+                 p.writeInt32(-1);
+             },
+             "-1"},
+            {4,
+             [](ITovarinDebug& d) {
+                 d.clearOverride("é");
+                 return std::string("-");
+             },
+             eAcute, [](Parcel& p) { p.writeNoException(); }, "-"},
             {5, [](ITovarinDebug& d) { return std::string(d.getDiagnostic(-5, "é").string()); },
              "fbffffff" + eAcute,
-             [](Parcel& p) { p.writeNoException(); p.writeString16(String16("v")); }, "v"},
+             [](Parcel& p) {
+                 p.writeNoException();
+                 p.writeString16(String16("v"));
+             },
+             "v"},
             {6, [](ITovarinDebug& d) { return std::string(d.getAllDiagnostics(1).string()); },
              "01000000",
-             [](Parcel& p) { p.writeNoException(); p.writeString16(String16("k=v\n")); },
+             [](Parcel& p) {
+                 p.writeNoException();
+                 p.writeString16(String16("k=v\n"));
+             },
              "k=v\n"},
-            {7, [](ITovarinDebug& d) { d.setDiagnostic(0, "é", nullptr); return std::string("-"); },
+            {7,
+             [](ITovarinDebug& d) {
+                 d.setDiagnostic(0, "é", nullptr);
+                 return std::string("-");
+             },
              "00000000" + eAcute + "0000000000000000", [](Parcel& p) { p.writeNoException(); },
              "-"},
     };
@@ -426,9 +454,15 @@ TEST_F(DebugStubTest, RandomParcelsNeverCrash) {
             const int items = random() % 6;
             for (int k = 0; k < items; ++k) {
                 switch (random() % 5) {
-                    case 0: data.writeInt32(static_cast<int32_t>(random())); break;
-                    case 1: data.writeInt32(-1 - static_cast<int32_t>(random() % 3)); break;
-                    case 2: data.writeInt32(0x7fffffff); break;
+                    case 0:
+                        data.writeInt32(static_cast<int32_t>(random()));
+                        break;
+                    case 1:
+                        data.writeInt32(-1 - static_cast<int32_t>(random() % 3));
+                        break;
+                    case 2:
+                        data.writeInt32(0x7fffffff);
+                        break;
                     case 3: {
                         std::u16string text(random() % 40, u'\0');
                         for (auto& unit : text) unit = static_cast<char16_t>(random());
@@ -490,8 +524,8 @@ TEST(DebugAcrossProcesses, PrivilegedAndUnprivilegedClients) {
     EXPECT_EQ(-1, debug->setOverride("remote.kept", "spät"));
     debug->clearOverride("remote.kept");
     debug->setDiagnostic(1, "remote.diag", "e2");
-    const std::string caller = std::string(Utils::getProcessNameFromPID(getpid()).string()) +
-                               "(" + std::to_string(getpid()) + ")";
+    const std::string caller = std::string(Utils::getProcessNameFromPID(getpid()).string()) + "(" +
+                               std::to_string(getpid()) + ")";
     EXPECT_TRUE(service.waitForOutput(
             "Permission Error: " + caller +
                     " must have permission \"com.morvel.permission.TOVARIN_CONTROL\" /> before "

@@ -51,8 +51,8 @@ public:
     explicit PrintingListener(FILE* out) : mOut(out) {}
     void onEvent(const StateChangeEvent& event) override {
         fprintf(mOut, "event timestamp=%lld flag=%d primary=%d secondary=%d\n",
-                static_cast<long long>(event.timestamp), event.flag ? 1 : 0,
-                event.state.primary, event.state.secondary);
+                static_cast<long long>(event.timestamp), event.flag ? 1 : 0, event.state.primary,
+                event.state.secondary);
         fflush(mOut);
     }
 
@@ -63,7 +63,7 @@ private:
 }  // namespace
 
 TovarinCtl::TovarinCtl(const sp<IServiceManager>& serviceManager, FILE* out, FILE* err)
-      : mServiceManager(serviceManager), mOut(out), mErr(err) {}
+    : mServiceManager(serviceManager), mOut(out), mErr(err) {}
 
 int TovarinCtl::usage() {
     fprintf(mErr,
@@ -114,8 +114,8 @@ int TovarinCtl::status() {
     const sp<TovarinServiceImpl> impl = service();
     if (impl == nullptr) return 1;
     const HeadTrackingState state = impl->getHeadTrackingState();
-    fprintf(mOut, "enabled: %d\ntracking state: %d %d\n", impl->getEnabled() ? 1 : 0,
-            state.primary, state.secondary);
+    fprintf(mOut, "enabled: %d\ntracking state: %d %d\n", impl->getEnabled() ? 1 : 0, state.primary,
+            state.secondary);
     return 0;
 }
 
@@ -199,8 +199,8 @@ int TovarinCtl::overrides(const Args& args) {
     const sp<ITovarinDebug> debug = this->debug();
     if (debug == nullptr) return 1;
     if (verb == "get") {
-        const String8 text = args.size() == 2 ? debug->getOverride(args[1].c_str())
-                                              : debug->getAllOverrides();
+        const String8 text =
+                args.size() == 2 ? debug->getOverride(args[1].c_str()) : debug->getAllOverrides();
         fprintf(mOut, "%s%s", text.string(),
                 text.isEmpty() || text.string()[text.length() - 1] != '\n' ? "\n" : "");
         return 0;
