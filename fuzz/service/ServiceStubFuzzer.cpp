@@ -19,6 +19,7 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <string>
 #include <vector>
 
 using android::BBinder;
@@ -93,7 +94,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         switch (input.take(1) % 5) {
             case 0: request.writeInt32(static_cast<int32_t>(input.take(4))); break;
             case 1: request.writeInt64(static_cast<int64_t>(input.take(4)) << 16); break;
-            case 2: request.writeString8(String8("s", input.take(2) % 512)); break;
+            case 2: {
+                const std::string text(input.take(2) % 512, 's');
+                request.writeString8(String8(text.c_str()));
+                break;
+            }
             case 3: request.writeStrongBinder(t.binders[input.take(1) % t.binders.size()]); break;
             default: request.writeInt32(static_cast<int32_t>(input.take(1)) - 2); break;
         }

@@ -342,7 +342,7 @@ int runHostile(unsigned seed, int count) {
                 case 0: data.writeInt32(static_cast<int32_t>(random())); break;
                 case 1: data.writeInt32(pick(8) - 2); break;
                 case 2: data.writeInt64(static_cast<int64_t>(random()) << 20); break;
-                case 3: data.writeString8(String8("x", pick(300))); break;
+                case 3: data.writeString8(String8(std::string(pick(300), 'x').c_str())); break;
                 case 4: data.writeStrongBinder(binders[pick(binders.size())]); break;
                 default: data.writeInt32(-1); break;
             }
