@@ -129,25 +129,6 @@ TEST(IMemoryWireTest, GetMemoryAnswersHeapOffsetSize) {
     EXPECT_EQ(reply.dataAvail(), 0u);
 }
 
-TEST(IMemoryWireTest, StubsRefuseAnotherInterfaceToken) {
-    sp<MemoryHeapBase> heap = new MemoryHeapBase(kPage);
-    sp<IMemory> memory = new MemoryBase(heap, 0, 16);
-    struct Case {
-        sp<IBinder> target;
-        uint32_t code;
-    };
-    const Case cases[] = {{IInterface::asBinder(heap), IMemoryHeap::HEAP_ID},
-                          {IInterface::asBinder(memory), IMemory::GET_MEMORY}};
-    for (const Case& c : cases) {
-        Parcel data, reply;
-        data.writeInterfaceToken(String16("some.other.IThing"));
-        EXPECT_EQ(c.target->transact(c.code, data, &reply), PERMISSION_DENIED);
-        EXPECT_EQ(reply.dataSize(), 0u);
-    }
-    EXPECT_EQ(IMemoryHeap::descriptor, String16("android.utils.IMemoryHeap"));
-    EXPECT_EQ(IMemory::descriptor, String16("android.utils.IMemory"));
-}
-
 // ---------------------------------------------------------------------------
 // The receiving side.
 
@@ -187,7 +168,6 @@ TEST(IMemoryProxyTest, RangesOutsideTheHeapGiveNoPointer) {
             {"negative offset", -1, 16, false},
             {"negative size", 0, -1, false},
             {"offset and size overflow", INT32_MAX, INT32_MAX, false},
-            {"large offset small size", INT32_MAX - 4, 8, false},
             {"most negative offset", INT32_MIN, 8, false},
     };
     for (const Case& c : cases) {
@@ -246,7 +226,6 @@ TEST(IMemoryProxyTest, UnusableHeapAnswersGiveNoPointer) {
             {"zero size", new FakeHeap(fd, 0), true},
             {"negative size", new FakeHeap(fd, -kPage), true},
             {"offset not on a page", new FakeHeap(fd, kPage, 0, 12), true},
-            {"negative offset", new FakeHeap(fd, kPage, 0, -kPage), true},
             {"offset past the end of the file", new FakeHeap(fd, kPage, 0, 4 * kPage), true},
     };
     for (const Case& c : cases) {
@@ -263,10 +242,6 @@ TEST(IMemoryProxyTest, UnusableHeapAnswersGiveNoPointer) {
     EXPECT_EQ(noHeap->pointer(), nullptr);
     sp<IMemory> notHeap = interface_cast<IMemory>(new FakeMemory(new BBinder(), 0, 16));
     EXPECT_EQ(notHeap->pointer(), nullptr);
-    // A binder that is not memory either.
-    sp<IMemory> notMemory = interface_cast<IMemory>(new BBinder());
-    EXPECT_EQ(notMemory->pointer(), nullptr);
-    EXPECT_EQ(notMemory->size(), 0u);
     close(pipeFds[0]);
     close(pipeFds[1]);
     close(fd);
@@ -312,25 +287,4 @@ TEST(IMemoryProxyTest, ProxiesOfOneHeapShareOneMappingUntilTheLastGoes) {
     sp<IMemory> c = interface_cast<IMemory>(new FakeMemory(heapBinder, 0, 32));
     ASSERT_NE(c->pointer(), nullptr);
     EXPECT_EQ(heapBinder->calls.load(), 2);  // a new mapping, asked again
-}
-
-TEST(IMemoryProxyTest, LocalMemoryChecksItsOwnRange) {
-    sp<MemoryHeapBase> heap = new MemoryHeapBase(kPage);
-    struct Case {
-        ssize_t offset;
-        size_t size;
-        bool usable;
-    };
-    const Case cases[] = {{0, static_cast<size_t>(kPage), true},
-                          {kPage - 1, 1, true},
-                          {kPage, 1, false},
-                          {-1, 1, false},
-                          {0, SIZE_MAX, false}};
-    for (const Case& c : cases) {
-        sp<IMemory> memory = new MemoryBase(heap, c.offset, c.size);
-        EXPECT_EQ(memory->pointer() != nullptr, c.usable) << c.offset << "+" << c.size;
-    }
-    sp<IMemory> onDisposed = new MemoryBase(heap, 0, 16);
-    heap->dispose();
-    EXPECT_EQ(onDisposed->pointer(), nullptr);
 }

@@ -27,7 +27,6 @@ namespace {
 enum : uint32_t {
     kGetMemories = IBinder::FIRST_CALL_TRANSACTION,
     kFirstHolds,
-    kShortHeap,
     kReadAndMark,
     kExit,
 };
@@ -112,18 +111,4 @@ TEST_F(MemoryAcrossProcessesTest, PeerReadsAndMarksMemoryOfThisProcess) {
     ASSERT_EQ(mService->transact(kReadAndMark, data, &reply), NO_ERROR);
     EXPECT_EQ(String8(reply.readString16()), String8("written by the test"));
     EXPECT_STREQ(static_cast<char*>(memory->pointer()), "marked by the peer");
-}
-
-TEST_F(MemoryAcrossProcessesTest, HeapClaimingMoreThanItsDescriptorHolds) {
-    Parcel data, reply;
-    ASSERT_EQ(mService->transact(kShortHeap, data, &reply), NO_ERROR);
-    sp<IMemory> inside = interface_cast<IMemory>(reply.readStrongBinder());
-    sp<IMemory> beyond = interface_cast<IMemory>(reply.readStrongBinder());
-    ASSERT_NE(inside, nullptr);
-    ASSERT_NE(beyond, nullptr);
-    ASSERT_NE(inside->pointer(), nullptr);
-    memset(inside->pointer(), 0x22, 64);
-    EXPECT_EQ(inside->getMemory()->getSize(), static_cast<size_t>(kPage));
-    EXPECT_EQ(beyond->pointer(), nullptr);  // past the real end: would fault if mapped
-    EXPECT_EQ(beyond->size(), 0u);
 }

@@ -132,7 +132,6 @@ TEST(MemoryHeapBaseTest, UnusableSourcesGiveAnInvalidHeap) {
     const Case cases[] = {
             {"closed descriptor", new MemoryHeapBase(-1, kPage)},
             {"pipe", new MemoryHeapBase(pipeFds[0], kPage)},
-            {"missing device", new MemoryHeapBase("/nonexistent/heap", kPage)},
             {"empty anonymous heap", new MemoryHeapBase(size_t(0))},
             {"anonymous heap too large to describe", new MemoryHeapBase(size_t(1) << 40)},
     };
@@ -143,15 +142,6 @@ TEST(MemoryHeapBaseTest, UnusableSourcesGiveAnInvalidHeap) {
     }
     close(pipeFds[0]);
     close(pipeFds[1]);
-}
-
-TEST(MemoryHeapBaseTest, DontMapLocallyKeepsOnlyTheDescriptor) {
-    sp<MemoryHeapBase> heap =
-            new MemoryHeapBase(kPage, MemoryHeapBase::DONT_MAP_LOCALLY, "heap-unmapped");
-    EXPECT_EQ(heap->getBase(), nullptr);
-    EXPECT_GE(heap->getHeapID(), 0);
-    EXPECT_EQ(heap->getSize(), kPage);
-    EXPECT_EQ(countMappings("heap-unmapped"), 0);
 }
 
 TEST(MemoryHeapBaseTest, DisposeUnmapsAndClosesOnce) {

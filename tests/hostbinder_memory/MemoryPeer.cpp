@@ -4,11 +4,9 @@
  *   1 kGetMemories   reply: two IMemory of one MemoryDealer heap ("peer-heap"), the first
  *                    holding "written by the peer"
  *   2 kFirstHolds    data: String16; reply: int32 1 when the first memory holds that text
- *   3 kShortHeap     reply: an IMemory inside and one outside a heap whose descriptor holds
- *                    one page but which claims 64
- *   4 kReadAndMark   data: IMemory; reply: String16 of the text it holds; then writes
+ *   3 kReadAndMark   data: IMemory; reply: String16 of the text it holds; then writes
  *                    "marked by the peer" into it
- *   5 kExit          exits with status 0 after replying
+ *   4 kExit          exits with status 0 after replying
  */
 #include <binder/Binder.h>
 #include <binder/IMemory.h>
@@ -33,54 +31,11 @@ namespace {
 enum : uint32_t {
     kGetMemories = IBinder::FIRST_CALL_TRANSACTION,
     kFirstHolds,
-    kShortHeap,
     kReadAndMark,
     kExit,
 };
 
 const int32_t kPage = static_cast<int32_t>(sysconf(_SC_PAGESIZE));
-
-// A heap whose HEAP_ID answer claims far more than its descriptor holds.
-class ShortHeap : public BBinder {
-public:
-    ShortHeap() : mFd(memfd_create("short-heap", MFD_CLOEXEC)) {
-        if (mFd < 0 || ftruncate(mFd, kPage) != 0) abort();
-    }
-    ~ShortHeap() override { close(mFd); }
-
-protected:
-    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t) override {
-        if (code != IMemoryHeap::HEAP_ID) return UNKNOWN_TRANSACTION;
-        reply->writeDupFileDescriptor(mFd);
-        reply->writeInt32(64 * kPage);
-        reply->writeInt32(0);
-        reply->writeInt32(0);
-        return NO_ERROR;
-    }
-
-private:
-    int mFd;
-};
-
-// Answers GET_MEMORY with any range of any heap binder.
-class AnyMemory : public BBinder {
-public:
-    AnyMemory(const sp<IBinder>& heap, int32_t offset, int32_t size)
-          : mHeap(heap), mOffset(offset), mSize(size) {}
-
-protected:
-    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t) override {
-        if (code != IMemory::GET_MEMORY) return UNKNOWN_TRANSACTION;
-        reply->writeStrongBinder(mHeap);
-        reply->writeInt32(mOffset);
-        reply->writeInt32(mSize);
-        return NO_ERROR;
-    }
-
-private:
-    sp<IBinder> mHeap;
-    int32_t mOffset, mSize;
-};
 
 class PeerService : public BBinder {
 public:
@@ -88,7 +43,6 @@ public:
         mFirst = mDealer->allocate(100);
         mSecond = mDealer->allocate(2 * kPage);
         strcpy(static_cast<char*>(mFirst->pointer()), "written by the peer");
-        mShortHeap = new ShortHeap();
     }
 
 protected:
@@ -105,10 +59,6 @@ protected:
                                          expected.string()) == 0);
                 return NO_ERROR;
             }
-            case kShortHeap:
-                reply->writeStrongBinder(new AnyMemory(mShortHeap, 0, 64));
-                reply->writeStrongBinder(new AnyMemory(mShortHeap, 2 * kPage, 64));
-                return NO_ERROR;
             case kReadAndMark: {
                 sp<IMemory> memory = interface_cast<IMemory>(data.readStrongBinder());
                 char* text = memory != nullptr ? static_cast<char*>(memory->pointer()) : nullptr;
@@ -133,7 +83,6 @@ protected:
 private:
     sp<MemoryDealer> mDealer;
     sp<IMemory> mFirst, mSecond;
-    sp<IBinder> mShortHeap;
 };
 
 }  // namespace
