@@ -365,7 +365,19 @@ int perm(int argc, char** argv) {
     return 0;
 }
 
-// calling-perm NAME UID PERMISSION: becomes UID, then asks NAME (which checks the caller).
+// caller-perm NAME UID PERMISSION: as UID, asks NAME to check PERMISSION for its caller.
+int callerPerm(int, char** argv) {
+    becomeUid(argv[3]);
+    sp<IBinder> b = need(argv[2]);
+    Parcel data, reply;
+    data.writeString16(String16(argv[4]));
+    status_t err = b->transact(kCallerPermission, data, &reply);
+    const int32_t granted = reply.readInt32();
+    say("err=%d granted=%d uid=%d", err, granted, reply.readInt32());
+    return 0;
+}
+
+// flood NAME COUNT: one-way calls as fast as they go.
 int flood(int, char** argv) {
     sp<IBinder> b = need(argv[2]);
     const int calls = atoi(argv[3]);
@@ -396,7 +408,7 @@ int main(int argc, char** argv) {
             {"third", 3, third},   {"hold", 3, hold},     {"oneway", 5, oneway},
             {"nested", 4, nested}, {"death", 4, death},   {"fd", 4, fd},
             {"limits", 3, limits}, {"dump", 3, dump},     {"sm", 2, sm},
-            {"perm", 3, perm},     {"flood", 4, flood},
+            {"perm", 3, perm},     {"flood", 4, flood},  {"caller-perm", 5, callerPerm},
     };
     for (const auto& m : modes) {
         if (mode == m.name) {

@@ -271,6 +271,18 @@ TEST_F(IpcTest, PermissionsFollowThePolicyFile) {
                 << "policy " << (c.policy ? c.policy : "(none)") << " uid " << c.uid;
         mRuntime.reset();
     }
+    // A service checks its caller: the uid is the caller's own, from the kernel.
+    if (getuid() == 0) {
+        startRuntime("4321 perm.CAMERA\n");
+        auto service = startHelper({"serve", "checker"}, "ready");
+        std::string out = runHelper({"caller-perm", "checker", "4321", "perm.CAMERA"});
+        EXPECT_EQ("1", field(out, "granted")) << out;
+        EXPECT_EQ("4321", field(out, "uid"));
+        out = runHelper({"caller-perm", "checker", "4322", "perm.CAMERA"});
+        EXPECT_EQ("0", field(out, "granted")) << out;
+        service.reset();
+        mRuntime.reset();
+    }
     // The file is read again when it changes.
     startRuntime("1000 perm.CAMERA\n");
     EXPECT_EQ("1", field(runHelper({"perm", "1000", "perm.CAMERA"}), "granted"));

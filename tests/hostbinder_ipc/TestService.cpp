@@ -1,6 +1,7 @@
 #include "TestService.h"
 
 #include <binder/IPCThreadState.h>
+#include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <utils/String8.h>
 
@@ -177,6 +178,12 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
         case kDeathLog: {
             Mutex::Autolock _l(mLock);
             return reply->writeString16(String16(mDeathLog.c_str()));
+        }
+        case kCallerPermission: {
+            int32_t pid = 0, uid = 0;
+            const bool granted = checkCallingPermission(data.readString16(), &pid, &uid);
+            reply->writeInt32(granted ? 1 : 0);
+            return reply->writeInt32(uid);
         }
         case kThreadId:
             return reply->writeInt32(static_cast<int32_t>(syscall(SYS_gettid)));

@@ -31,6 +31,7 @@ enum : uint32_t {
     kLinkStored,          // links death recipients (int32 count) on the stored binder
     kDeathLog,            // -> String16 of the death notices seen ("0,1,2")
     kThreadId,            // -> int32 gettid of the serving thread
+    kCallerPermission,    // String16 permission -> int32 granted to the caller, int32 its uid
 };
 
 // Prints "destroyed <id>" on stdout when the last strong reference goes.
