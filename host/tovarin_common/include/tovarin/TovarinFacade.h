@@ -26,7 +26,8 @@
  *  - standby() on STARTED gives STANDBY; on STANDBY it is OK; on STOPPED it fails with
  *    INVALID_OPERATION.
  *  - setEnabledState(0) moves every STARTED tracker to STANDBY.
- *  - Any operation on a handle whose id is out of range or FREE fails with BAD_VALUE.
+ *  - Any operation on a handle whose id is out of range or FREE fails with BAD_VALUE, except
+ *    releaseHeadTrackerHandle(), which then does nothing.
  *  - sample() fills the event only for a STARTED tracker; otherwise INVALID_OPERATION (BAD_VALUE
  *    for an unknown handle) and the event is left as it was.
  *
@@ -41,7 +42,10 @@
  * never reused) and stored with listener->setHandle(). Unregistration finds the registration by
  * listener->getHandle(), so a different object carrying the same handle unregisters it (the
  * service passes such proxies). A state change event is delivered to the listeners registered
- * when the change happened that are still registered when its delivery begins.
+ * when the change happened that are still registered when its delivery begins. A raw data
+ * listener may receive one frame that was already on its way when it was unregistered. Raw data
+ * flows while the facade is enabled and has raw data listeners, whatever the trackers do; the
+ * frame's pixels are valid during the callback only.
  */
 #pragma once
 
