@@ -434,6 +434,7 @@ void Broker::handleFrame(Conn* c, InboundFrame& f) {
                 releaseBuffer(p, id);
             }
             c->busy = false;
+            c->busyBuffer = 0;
             dispatch(p);
             return;
         }
@@ -580,6 +581,9 @@ void Broker::threadGone(Conn* c) {
         }
     }
     Proc* p = c->proc;
+    // A one-way call it was handling is over: the next one to that object may go.
+    if (c->busyBuffer != 0 && p != nullptr && !p->dying) releaseBuffer(p, c->busyBuffer);
+    c->busyBuffer = 0;
     closeConn(c);
     if (p != nullptr && !p->dying) dispatch(p);
 }
@@ -1109,6 +1113,7 @@ void Broker::deliverTransaction(Conn* t, Txn* x) {
         if (dest->buffers.size() >= kMaxBuffersPerProc) drop(dest, "does not free its buffers");
         it.bufferId = mNextBufferId++;
         dest->buffers[it.bufferId] = std::move(buf);
+        if (x->oneway) t->busyBuffer = it.bufferId;
     }
     send(t, kFrameIncomingTransaction, &it, sizeof(it), x->body.data(), x->body.size(), &x->fds);
     std::vector<uint8_t>().swap(x->body);

@@ -127,6 +127,7 @@ private:
         bool closed = false;
         bool looper = false;
         bool busy = false;
+        uint64_t busyBuffer = 0;  // the one-way call's buffer it is handling
         Txn* stack = nullptr;
         struct Chunk {
             std::vector<uint8_t> bytes;
