@@ -215,6 +215,8 @@ TEST(IMemoryProxyTest, UnusableHeapAnswersGiveNoPointer) {
     ASSERT_GE(fd, 0);
     int pipeFds[2];
     ASSERT_EQ(pipe(pipeFds), 0);
+    const int unsealable = memfd_create("unsealable", MFD_CLOEXEC);  // can always shrink
+    ASSERT_EQ(ftruncate(unsealable, kPage), 0);
     struct Case {
         const char* what;
         sp<FakeHeap> heap;
@@ -223,6 +225,7 @@ TEST(IMemoryProxyTest, UnusableHeapAnswersGiveNoPointer) {
     const Case cases[] = {
             {"no descriptor in the reply", new FakeHeap(fd, kPage), false},
             {"a pipe instead of memory", new FakeHeap(pipeFds[0], kPage), true},
+            {"memory its sender can shrink", new FakeHeap(unsealable, kPage), true},
             {"zero size", new FakeHeap(fd, 0), true},
             {"negative size", new FakeHeap(fd, -kPage), true},
             {"offset not on a page", new FakeHeap(fd, kPage, 0, 12), true},
@@ -244,6 +247,7 @@ TEST(IMemoryProxyTest, UnusableHeapAnswersGiveNoPointer) {
     EXPECT_EQ(notHeap->pointer(), nullptr);
     close(pipeFds[0]);
     close(pipeFds[1]);
+    close(unsealable);
     close(fd);
 }
 

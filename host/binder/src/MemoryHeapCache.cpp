@@ -51,11 +51,17 @@ std::shared_ptr<const MemoryMapping> MemoryHeapCache::map(int peerFd, int32_t si
     mapping->flags = flags;
     mapping->offset = offset;
 
-    // A heap that can still shrink could pull pages from under the mapping; seal it when the
-    // descriptor allows (a heap created by MemoryHeapBase is sealed already).
-    const int seals = fcntl(fd, F_GET_SEALS);
+    // A file that can still shrink would let its sender pull pages from under the mapping and
+    // make this process fault on them. Seal it when the descriptor allows (a heap created by
+    // MemoryHeapBase is sealed already); refuse it otherwise.
+    int seals = fcntl(fd, F_GET_SEALS);
     if (seals >= 0 && (seals & F_SEAL_SHRINK) == 0) {
         (void)fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK);
+        seals = fcntl(fd, F_GET_SEALS);
+    }
+    if (seals < 0 || (seals & F_SEAL_SHRINK) == 0) {
+        ALOGE("heap descriptor %d can shrink under its mapping: not mapped", fd);
+        return mapping;
     }
 
     struct stat st;

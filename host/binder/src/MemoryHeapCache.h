@@ -43,7 +43,7 @@ public:
     std::shared_ptr<const MemoryMapping> acquire(const sp<IBinder>& binder);
 
     // Builds a mapping from a HEAP_ID answer, checking every number against the descriptor.
-    // Exposed for the cache's own use and for tests of hostile answers.
+    // Only a memory file sealed against shrinking (sealed here if it is not yet) is mapped.
     static std::shared_ptr<const MemoryMapping> map(int fd, int32_t size, uint32_t flags,
                                                     int32_t offset);
 
