@@ -154,10 +154,10 @@ class BnTovarinService : public android::BnInterface<ITovarinService> {
 public:
     // One client registration, as remembered for death tracking.
     struct ClientDeathData {
-        int32_t handle;                // listener handle, or the head tracker's id
+        int32_t handle;                        // listener handle, or the head tracker's id
         android::sp<android::IBinder> binder;  // the client binder linked to death
-        int32_t pid;                   // calling pid at registration
-        android::String8 processName;  // looked up once, at registration
+        int32_t pid;                           // calling pid at registration
+        android::String8 processName;          // looked up once, at registration
     };
 
     // Tracks clients by key and runs the owner's handler for a client whose process died.

@@ -42,7 +42,7 @@ status_t BnHeadTrackingPoller::onTransact(uint32_t code, const Parcel& data, Par
 }
 
 BpHeadTrackingPoller::BpHeadTrackingPoller(const sp<IBinder>& impl)
-      : android::BpInterface<IHeadTrackingPoller>(impl) {}
+    : android::BpInterface<IHeadTrackingPoller>(impl) {}
 
 }  // namespace binder
 }  // namespace tovarin

@@ -41,7 +41,7 @@ sp<IRawDataListener> IRawDataListener::asInterface(const sp<IBinder>& binder) {
 // ---------------------------------------------------------------------------------------------
 
 BpRawDataListener::BpRawDataListener(const sp<IBinder>& impl)
-      : android::BpInterface<IRawDataListener>(impl) {}
+    : android::BpInterface<IRawDataListener>(impl) {}
 
 BpRawDataListener::~BpRawDataListener() {}
 
@@ -57,8 +57,7 @@ void BpRawDataListener::onEvent(const RawDataEvent& event) {
 
 // ---------------------------------------------------------------------------------------------
 
-BnRawDataListener::BnRawDataListener(const sp<RawDataListener>& listener)
-      : mListener(listener) {}
+BnRawDataListener::BnRawDataListener(const sp<RawDataListener>& listener) : mListener(listener) {}
 
 BnRawDataListener::~BnRawDataListener() {}
 

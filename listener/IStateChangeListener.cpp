@@ -43,7 +43,7 @@ sp<IStateChangeListener> IStateChangeListener::asInterface(const sp<IBinder>& bi
 // ---------------------------------------------------------------------------------------------
 
 BpStateChangeListener::BpStateChangeListener(const sp<IBinder>& impl)
-      : android::BpInterface<IStateChangeListener>(impl) {}
+    : android::BpInterface<IStateChangeListener>(impl) {}
 
 BpStateChangeListener::~BpStateChangeListener() {}
 
@@ -60,7 +60,7 @@ void BpStateChangeListener::onEvent(const StateChangeEvent& event) {
 // ---------------------------------------------------------------------------------------------
 
 BnStateChangeListener::BnStateChangeListener(const sp<StateChangeListener>& listener)
-      : mListener(listener) {}
+    : mListener(listener) {}
 
 BnStateChangeListener::~BnStateChangeListener() {}
 

@@ -123,9 +123,9 @@ status_t BnTovarinService::setConfiguration(const HeadTrackerHandle& handle,
                                             const HeadTrackingConfiguration& configuration) {
     if (shouldLog(ANDROID_LOG_INFO)) {
         const String8 caller = getCallingPidString();
-        const String8 rendered = String8::format(
-                "debugString=%s; fidelity=%d; filter=%d", configuration.debugString.c_str(),
-                configuration.fidelity, configuration.filter);
+        const String8 rendered = String8::format("debugString=%s; fidelity=%d; filter=%d",
+                                                 configuration.debugString.c_str(),
+                                                 configuration.fidelity, configuration.filter);
         rendel_log_write2(ANDROID_LOG_INFO, &sLogState, 2, kTag,
                           "%s: head tracker (%d) - setConfiguration to %s", caller.string(),
                           handle.id, rendered.string());
@@ -133,8 +133,7 @@ status_t BnTovarinService::setConfiguration(const HeadTrackerHandle& handle,
     return mFacade->setConfiguration(handle, configuration);
 }
 
-status_t BnTovarinService::sample(const HeadTrackerHandle& handle,
-                                  HeadTrackingEvent& event) const {
+status_t BnTovarinService::sample(const HeadTrackerHandle& handle, HeadTrackingEvent& event) const {
     return mFacade->sample(handle, event);
 }
 

@@ -56,7 +56,8 @@ status_t BnTovarinService::dump(int fd, const Vector<String16>& /*args*/) {
 
     static const char kDebugHeading[] = "Tovarin Debug Diagnostics:\n";
     writeText(fd, kDebugHeading, sizeof(kDebugHeading) - 1);
-    writeText(fd, sectionText(TovarinDiagnostics::getInstance(TovarinDiagnostics::DEBUG)->toString()));
+    writeText(fd,
+              sectionText(TovarinDiagnostics::getInstance(TovarinDiagnostics::DEBUG)->toString()));
 
     const String8 errors = TovarinDiagnostics::getInstance(TovarinDiagnostics::ERROR)->toString();
     if (!errors.isEmpty()) {

@@ -92,7 +92,7 @@ void unregisterListener(IBinder* remote, uint32_t code, const sp<Listener>& list
 }  // namespace
 
 BpTovarinService::BpTovarinService(const sp<IBinder>& impl)
-      : android::BpInterface<ITovarinService>(impl) {}
+    : android::BpInterface<ITovarinService>(impl) {}
 
 BpTovarinService::~BpTovarinService() {}
 
@@ -160,8 +160,7 @@ status_t BpTovarinService::registerStateChangeListener(sp<StateChangeListener> l
 }
 
 void BpTovarinService::unregisterStateChangeListener(sp<StateChangeListener> listener) {
-    unregisterListener(remote(), UNREGISTER_STATE_CHANGE_LISTENER, listener,
-                       mStateChangeListeners);
+    unregisterListener(remote(), UNREGISTER_STATE_CHANGE_LISTENER, listener, mStateChangeListeners);
 }
 
 HeadTrackerHandle BpTovarinService::getHeadTrackerHandle() {
@@ -254,8 +253,7 @@ status_t BpTovarinService::setConfiguration(const HeadTrackerHandle& handle,
     return reply.readInt32();
 }
 
-status_t BpTovarinService::sample(const HeadTrackerHandle& handle,
-                                  HeadTrackingEvent& event) const {
+status_t BpTovarinService::sample(const HeadTrackerHandle& handle, HeadTrackingEvent& event) const {
     Parcel data;
     Parcel reply;
     status_t status = data.writeInterfaceToken(descriptor);

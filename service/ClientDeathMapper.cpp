@@ -15,7 +15,7 @@ using android::wp;
 
 BnTovarinService::ClientDeathMapper::ClientDeathMapper(const sp<BnTovarinService>& owner,
                                                        Handler handler)
-      : mOwner(owner), mHandler(handler) {
+    : mOwner(owner), mHandler(handler) {
     pthread_mutex_init(&mLock, nullptr);
 }
 

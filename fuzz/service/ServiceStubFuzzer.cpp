@@ -92,15 +92,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (input.take(1) % 8 != 0) request.writeInterfaceToken(ITovarinService::descriptor);
     while (!input.empty()) {
         switch (input.take(1) % 5) {
-            case 0: request.writeInt32(static_cast<int32_t>(input.take(4))); break;
-            case 1: request.writeInt64(static_cast<int64_t>(input.take(4)) << 16); break;
+            case 0:
+                request.writeInt32(static_cast<int32_t>(input.take(4)));
+                break;
+            case 1:
+                request.writeInt64(static_cast<int64_t>(input.take(4)) << 16);
+                break;
             case 2: {
                 const std::string text(input.take(2) % 512, 's');
                 request.writeString8(String8(text.c_str()));
                 break;
             }
-            case 3: request.writeStrongBinder(t.binders[input.take(1) % t.binders.size()]); break;
-            default: request.writeInt32(static_cast<int32_t>(input.take(1)) - 2); break;
+            case 3:
+                request.writeStrongBinder(t.binders[input.take(1) % t.binders.size()]);
+                break;
+            default:
+                request.writeInt32(static_cast<int32_t>(input.take(1)) - 2);
+                break;
         }
     }
     Parcel reply;
@@ -114,8 +122,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         unregister.writeStrongBinder(t.binders[1]);
         unregister.writeInt32(handle);
         Parcel none;
-        IInterface::asBinder(t.service)->transact(
-                ITovarinService::UNREGISTER_STATE_CHANGE_LISTENER, unregister, &none, 0);
+        IInterface::asBinder(t.service)->transact(ITovarinService::UNREGISTER_STATE_CHANGE_LISTENER,
+                                                  unregister, &none, 0);
     }
     for (int32_t id = -1; id < 4; ++id) {
         Parcel release;

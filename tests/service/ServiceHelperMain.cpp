@@ -83,11 +83,10 @@ void say(const std::string& line) {
 class Probe : public BBinder {
 public:
     Probe(const sp<RecordingFacade>& facade, const sp<BnTovarinService>& service)
-          : mFacade(facade), mService(service) {}
+        : mFacade(facade), mService(service) {}
 
 protected:
-    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply,
-                        uint32_t flags) override {
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
         switch (code) {
             case PROBE_CALLS: {
                 const std::vector<std::string> calls = mFacade->calls();
@@ -96,10 +95,10 @@ protected:
                 return OK;
             }
             case PROBE_RECORDS:
-                reply->writeInt32(
-                        static_cast<int32_t>(mService->stateChangeListenerDeathMapper()->clientCount()));
-                reply->writeInt32(
-                        static_cast<int32_t>(mService->headTrackingPollerDeathMapper()->clientCount()));
+                reply->writeInt32(static_cast<int32_t>(
+                        mService->stateChangeListenerDeathMapper()->clientCount()));
+                reply->writeInt32(static_cast<int32_t>(
+                        mService->headTrackingPollerDeathMapper()->clientCount()));
                 return OK;
             case PROBE_LOG: {
                 const std::vector<TovarinLogLine> lines = mCapture.lines();
@@ -145,8 +144,8 @@ int runServer() {
 // clients
 
 sp<ITovarinService> connect() {
-    sp<IBinder> binder = defaultServiceManager()->checkService(
-            String16(ITovarinService::SERVICE_NAME));
+    sp<IBinder> binder =
+            defaultServiceManager()->checkService(String16(ITovarinService::SERVICE_NAME));
     if (binder == nullptr) {
         say("no service");
         exit(1);
@@ -263,8 +262,8 @@ int runOperations() {
             Parcel reply;
             data.writeInterfaceToken(ITovarinService::descriptor);
             data.writeStrongBinder(sp<IBinder>(new CountedToken()));
-            IInterface::asBinder(service)->transact(ITovarinService::GET_HEAD_TRACKER_HANDLE,
-                                                    data, &reply);
+            IInterface::asBinder(service)->transact(ITovarinService::GET_HEAD_TRACKER_HANDLE, data,
+                                                    &reply);
             reply.readExceptionCode();
             held.id = reply.readInt32();
         }
@@ -329,9 +328,9 @@ int runHostile(unsigned seed, int count) {
     sp<IBinder> serviceBinder = IInterface::asBinder(service);
     std::mt19937 random(seed);
     auto pick = [&](int n) { return static_cast<int>(random() % n); };
-    std::vector<sp<IBinder>> binders = {
-            nullptr, new BBinder(), serviceBinder, new BnHeadTrackingPoller(),
-            new BnStateChangeListener(new EventCollector())};
+    std::vector<sp<IBinder>> binders = {nullptr, new BBinder(), serviceBinder,
+                                        new BnHeadTrackingPoller(),
+                                        new BnStateChangeListener(new EventCollector())};
     for (int i = 0; i < count; ++i) {
         Parcel data;
         Parcel reply;
@@ -339,12 +338,24 @@ int runHostile(unsigned seed, int count) {
         const int items = pick(6);
         for (int item = 0; item < items; ++item) {
             switch (pick(6)) {
-                case 0: data.writeInt32(static_cast<int32_t>(random())); break;
-                case 1: data.writeInt32(pick(8) - 2); break;
-                case 2: data.writeInt64(static_cast<int64_t>(random()) << 20); break;
-                case 3: data.writeString8(String8(std::string(pick(300), 'x').c_str())); break;
-                case 4: data.writeStrongBinder(binders[pick(binders.size())]); break;
-                default: data.writeInt32(-1); break;
+                case 0:
+                    data.writeInt32(static_cast<int32_t>(random()));
+                    break;
+                case 1:
+                    data.writeInt32(pick(8) - 2);
+                    break;
+                case 2:
+                    data.writeInt64(static_cast<int64_t>(random()) << 20);
+                    break;
+                case 3:
+                    data.writeString8(String8(std::string(pick(300), 'x').c_str()));
+                    break;
+                case 4:
+                    data.writeStrongBinder(binders[pick(binders.size())]);
+                    break;
+                default:
+                    data.writeInt32(-1);
+                    break;
             }
         }
         const uint32_t code = static_cast<uint32_t>(pick(18));
@@ -367,8 +378,11 @@ int main(int argc, char** argv) {
     if (mode == "events" && argc > 2) return runEvents(atoi(argv[2]));
     if (mode == "setenabled" && argc > 2) return runSetEnabled(atoi(argv[2]));
     if (mode == "protocol") return runProtocol();
-    if (mode == "hostile" && argc > 3) return runHostile(strtoul(argv[2], nullptr, 10), atoi(argv[3]));
-    fprintf(stderr, "usage: %s server|probe|hold|operations|events N|setenabled V|protocol|"
-                    "hostile SEED N\n", argv[0]);
+    if (mode == "hostile" && argc > 3)
+        return runHostile(strtoul(argv[2], nullptr, 10), atoi(argv[3]));
+    fprintf(stderr,
+            "usage: %s server|probe|hold|operations|events N|setenabled V|protocol|"
+            "hostile SEED N\n",
+            argv[0]);
     return 2;
 }

@@ -45,7 +45,8 @@ std::string numberAfter(const std::string& text, const std::string& key) {
     const size_t start = text.find(key);
     if (start == std::string::npos) return "";
     size_t end = start + key.size();
-    while (end < text.size() && (isdigit(static_cast<unsigned char>(text[end])) || text[end] == '-')) {
+    while (end < text.size() &&
+           (isdigit(static_cast<unsigned char>(text[end])) || text[end] == '-')) {
         ++end;
     }
     return text.substr(start + key.size(), end - start - key.size());
@@ -100,11 +101,11 @@ TEST_F(ServiceProcessTest, EveryOperationAcrossProcesses) {
     startRuntime(grants({kControl, kDump}));
     pid_t pid = -1;
     const std::string out = run({"operations"}, &pid);
-    for (const char* line : {"enabled=1", "handle=0/-1", "setConfiguration=0", "start=0",
-                             "sample=0 text=simulated timestamp>0=1", "standby=0", "stop=0",
-                             "setPid=0", "released", "registerRawDataListener=-1 handle=-1",
-                             "token alive while held=1", "token destroyed after release=1",
-                             "operations done"}) {
+    for (const char* line :
+         {"enabled=1", "handle=0/-1", "setConfiguration=0", "start=0",
+          "sample=0 text=simulated timestamp>0=1", "standby=0", "stop=0", "setPid=0", "released",
+          "registerRawDataListener=-1 handle=-1", "token alive while held=1",
+          "token destroyed after release=1", "operations done"}) {
         EXPECT_TRUE(contains(out, line)) << line << "\n" << out;
     }
     const std::string report = probe();
@@ -113,8 +114,8 @@ TEST_F(ServiceProcessTest, EveryOperationAcrossProcesses) {
     EXPECT_TRUE(contains(report, "records state=0 poller=0")) << report;
     // The information lines name the calling process.
     const std::string caller = helper() + "(" + std::to_string(pid) + ")";
-    EXPECT_TRUE(contains(report, "log: 4|TovarinBnTovarinService|" + caller +
-                                         ": head tracker (0) - started"))
+    EXPECT_TRUE(contains(
+            report, "log: 4|TovarinBnTovarinService|" + caller + ": head tracker (0) - started"))
             << report;
     EXPECT_TRUE(contains(report, "log: 4|TovarinBnTovarinService|" + caller +
                                          ": head tracker (0) - setConfiguration to "
@@ -182,8 +183,8 @@ TEST_F(ServiceProcessTest, EnabledStateNeedsTheControlPermission) {
 TEST_F(ServiceProcessTest, MalformedRequestsGetPlatformStatuses) {
     startRuntime(grants({kControl, kDump}));
     const std::string out = run({"protocol"});
-    EXPECT_TRUE(contains(out, "wrong token status=" + std::to_string(android::PERMISSION_DENIED) +
-                                      " reply=0"))
+    EXPECT_TRUE(contains(
+            out, "wrong token status=" + std::to_string(android::PERMISSION_DENIED) + " reply=0"))
             << out;
     EXPECT_TRUE(contains(out, "code 16 status=" + std::to_string(android::UNKNOWN_TRANSACTION)))
             << out;
@@ -228,9 +229,9 @@ TEST_F(ServiceProcessTest, TovarindServesTheSimulatedTracker) {
     ASSERT_TRUE(daemon.waitForOutput("tovarind: serving morvel.tovarin.service", kTimeoutMs))
             << daemon.output();
     const std::string out = run({"operations"});
-    for (const char* line : {"handle=0/-1", "start=0", "sample=0 text=simulated",
-                             "registerRawDataListener=-1 handle=-1",
-                             "token destroyed after release=1"}) {
+    for (const char* line :
+         {"handle=0/-1", "start=0", "sample=0 text=simulated",
+          "registerRawDataListener=-1 handle=-1", "token destroyed after release=1"}) {
         EXPECT_TRUE(contains(out, line)) << line << "\n" << out;
     }
     EXPECT_TRUE(contains(run({"events", "4"}), "events 0101 ordered=1"));

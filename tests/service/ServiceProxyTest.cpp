@@ -46,8 +46,7 @@ public:
     std::vector<wp<IBinder>> binders() const { return mBinders; }
 
 protected:
-    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply,
-                        uint32_t flags) override {
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
         mCodes.push_back(code);
         if (data.enforceInterface(ITovarinService::descriptor)) {
             const size_t position = data.dataPosition();
@@ -131,12 +130,12 @@ TEST_F(ServiceProxyTest, EveryOperationReachesTheFacadeAndReturnsItsAnswer) {
     EXPECT_EQ(OK, mProxy->setPid(handle, 1234));
 
     const std::string pid = std::to_string(getpid());
-    EXPECT_EQ((std::vector<std::string>{"setEnabledState 1", "getEnabled", "getHardwareState",
-                                        "getHeadTrackingState", "getHeadTrackerHandle -> 2",
-                                        "setPid 2 " + pid, "releaseHeadTrackerHandle 2 -1",
-                                        "start 2", "stop 2", "standby 2",
-                                        "setConfiguration 2 1 2 near", "sample 2"}),
-              mFacade->calls());
+    EXPECT_EQ(
+            (std::vector<std::string>{
+                    "setEnabledState 1", "getEnabled", "getHardwareState", "getHeadTrackingState",
+                    "getHeadTrackerHandle -> 2", "setPid 2 " + pid, "releaseHeadTrackerHandle 2 -1",
+                    "start 2", "stop 2", "standby 2", "setConfiguration 2 1 2 near", "sample 2"}),
+            mFacade->calls());
     // setPid is answered locally.
     EXPECT_EQ((std::vector<uint32_t>{3, 4, 5, 6, 9, 10, 11, 12, 13, 14, 15}), mRecorder->codes());
 }
@@ -202,8 +201,7 @@ TEST_F(ServiceProxyTest, StateChangeListenerWrappersAreKeptUnderTheServiceHandle
     ASSERT_EQ(1u, mRecorder->binders().size());
     sp<IBinder> wrapper = mRecorder->binders()[0].promote();
     ASSERT_NE(nullptr, wrapper);
-    EXPECT_NE(nullptr, wrapper->queryLocalInterface(
-                               binder::IStateChangeListener::descriptor));
+    EXPECT_NE(nullptr, wrapper->queryLocalInterface(binder::IStateChangeListener::descriptor));
     wrapper.clear();
 
     mProxy->unregisterStateChangeListener(listener);

@@ -113,7 +113,10 @@ TEST_F(ServiceStubTest, EveryCodeRepliesInItsLayoutAndCallsTheFacade) {
             {6, nullptr, {0, 3, 4}, {"getHeadTrackingState"}},
             {7, writeBinder(new BBinder()), {0, 5, 0}, {"registerStateChangeListener pid=" + pid}},
             {8, writeBinder(new BBinder(), {5}), {0}, {"unregisterStateChangeListener 5"}},
-            {9, writeBinder(new BBinder()), {0, 2}, {"getHeadTrackerHandle -> 2", "setPid 2 " + pid}},
+            {9,
+             writeBinder(new BBinder()),
+             {0, 2},
+             {"getHeadTrackerHandle -> 2", "setPid 2 " + pid}},
             {10, writeInts({2}), {0}, {"releaseHeadTrackerHandle 2 -1"}},
             {11, writeInts({2}), {0, BAD_VALUE}, {"start 2"}},
             {12, writeInts({2}), {0, BAD_VALUE}, {"stop 2"}},
@@ -183,9 +186,8 @@ TEST_F(ServiceStubTest, WrongOrMissingTokenIsDeniedWithAnEmptyReply) {
     for (uint32_t code = 1; code <= 15; ++code) {
         SCOPED_TRACE("code " + std::to_string(code));
         Parcel wrong;
-        EXPECT_EQ(PERMISSION_DENIED,
-                  call(code, writeInts({1, 2, 3}), &wrong,
-                       String16("morvel.tovarin.state_change_listener")));
+        EXPECT_EQ(PERMISSION_DENIED, call(code, writeInts({1, 2, 3}), &wrong,
+                                          String16("morvel.tovarin.state_change_listener")));
         EXPECT_EQ(0u, wrong.dataSize());
         Parcel empty;
         Parcel missing;
@@ -279,6 +281,12 @@ TEST_F(ServiceStubTest, HeadTrackerHandlesAreTrackedEvenWhenNoTrackerIsFree) {
 
     callWords(10, writeInts({-1}));
     EXPECT_EQ(0u, mapper->clientCount());
+
+    // Without a token there is nothing to watch: the handle is granted, nothing is tracked.
+    mFacade->clearCalls();
+    EXPECT_EQ((std::vector<int32_t>{0, -1}), callWords(9, writeBinder(nullptr)));
+    EXPECT_EQ(0u, mapper->clientCount());
+    EXPECT_EQ(2u, mFacade->calls().size());
 }
 
 TEST_F(ServiceStubTest, DeadClientsRegistrationsAreUndone) {
@@ -491,9 +499,9 @@ TEST_F(ServiceDumpTest, CallerWithoutDumpPermissionGetsOneDenialLine) {
     setTestPolicy(policyGranting({kControl}));
     DumpTarget target;
     EXPECT_EQ(0, mService->dump(target.fd(), android::Vector<String16>()));
-    const std::string expected = "Permission Denial: can't dump Tovarin from pid=" +
-                                 std::to_string(getpid()) + ", uid=" + std::to_string(getuid()) +
-                                 "\n";
+    const std::string expected =
+            "Permission Denial: can't dump Tovarin from pid=" + std::to_string(getpid()) +
+            ", uid=" + std::to_string(getuid()) + "\n";
     EXPECT_EQ(std::vector<std::string>{expected}, target.writes());
     // A closed descriptor changes nothing about the result.
     EXPECT_EQ(0, mService->dump(-1, android::Vector<String16>()));
