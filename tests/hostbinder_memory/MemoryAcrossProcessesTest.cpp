@@ -20,16 +20,9 @@
 #include <unistd.h>
 
 using namespace android;
-using hostbinder_memory_test::countMappings;
+using namespace hostbinder_memory_test;
 
 namespace {
-
-enum : uint32_t {
-    kGetMemories = IBinder::FIRST_CALL_TRANSACTION,
-    kFirstHolds,
-    kReadAndMark,
-    kExit,
-};
 
 const long kPage = sysconf(_SC_PAGESIZE);
 

@@ -17,6 +17,8 @@
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
 
+#include "MemoryTestUtil.h"
+
 #include <stdio.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -25,15 +27,9 @@
 #include <thread>
 
 using namespace android;
+using namespace hostbinder_memory_test;
 
 namespace {
-
-enum : uint32_t {
-    kGetMemories = IBinder::FIRST_CALL_TRANSACTION,
-    kFirstHolds,
-    kReadAndMark,
-    kExit,
-};
 
 const int32_t kPage = static_cast<int32_t>(sysconf(_SC_PAGESIZE));
 

@@ -3,12 +3,21 @@
  */
 #pragma once
 
+#include <binder/IBinder.h>
 #include <stdio.h>
 
 #include <fstream>
 #include <string>
 
 namespace hostbinder_memory_test {
+
+// What memory_peer serves (see MemoryPeer.cpp).
+enum : uint32_t {
+    kGetMemories = android::IBinder::FIRST_CALL_TRANSACTION,
+    kFirstHolds,
+    kReadAndMark,
+    kExit,
+};
 
 // How many mappings of memfd `name` this process holds (lines of /proc/self/maps).
 inline int countMappings(const std::string& name) {
