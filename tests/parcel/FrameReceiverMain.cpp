@@ -15,6 +15,7 @@
 #include <hostbinder_test/Runtime.h>
 
 #include <stdio.h>
+#include <string.h>
 
 #include <mutex>
 
@@ -45,13 +46,13 @@ protected:
             report.timestamp = event.timestamp;
             report.locationValue = event.headLocation0.value;
             report.locationLocalIndex = event.headLocation0.localIndex;
-            report.text = event.headTrackingEvent0.text;
+            static_assert(sizeof(report.text) == sizeof(event.headTrackingEvent0.text));
+            memcpy(report.text, event.headTrackingEvent0.text, sizeof(report.text));
         } else {
             return BBinder::onTransact(code, data, reply, flags);
         }
         report.openFds = hostbinder_test::openFdCount();
-        report.writeTo(*reply);
-        return OK;
+        return reply->write(&report, sizeof(report));
     }
 
 private:

@@ -4,12 +4,8 @@
  */
 #pragma once
 
-#include <binder/Parcel.h>
-
 #include <stddef.h>
 #include <stdint.h>
-
-#include <string>
 
 namespace morvel::tovarin::binder::test {
 
@@ -18,6 +14,7 @@ enum FrameReceiverCode : uint32_t {
     kReadRawData = 2,      // data: a RawDataEvent
 };
 
+// Sent as raw bytes: the helper and the tests are built from the same source.
 struct FrameReport {
     int32_t hasData = 0;
     int32_t width = 0;
@@ -29,39 +26,8 @@ struct FrameReport {
     int64_t timestamp = 0;
     int32_t locationValue = 0;       // raw data only: headLocation0.value
     int32_t locationLocalIndex = 0;  // raw data only: headLocation0.localIndex
-    std::string text;                // raw data only: headTrackingEvent0.text
+    char text[256] = {};             // raw data only: headTrackingEvent0.text
     int32_t openFds = 0;             // the receiver's open descriptors after reading
-
-    void writeTo(android::Parcel& reply) const {
-        reply.writeInt32(hasData);
-        reply.writeInt32(width);
-        reply.writeInt32(height);
-        reply.writeUint64(checksum);
-        reply.writeInt64(dataAddress);
-        reply.writeInt64(memoryOffset);
-        reply.writeInt32(sampleCount);
-        reply.writeInt64(timestamp);
-        reply.writeInt32(locationValue);
-        reply.writeInt32(locationLocalIndex);
-        reply.writeCString(text.c_str());
-        reply.writeInt32(openFds);
-    }
-
-    void readFrom(const android::Parcel& reply) {
-        hasData = reply.readInt32();
-        width = reply.readInt32();
-        height = reply.readInt32();
-        checksum = reply.readUint64();
-        dataAddress = reply.readInt64();
-        memoryOffset = reply.readInt64();
-        sampleCount = reply.readInt32();
-        timestamp = reply.readInt64();
-        locationValue = reply.readInt32();
-        locationLocalIndex = reply.readInt32();
-        const char* s = reply.readCString();
-        text = s != nullptr ? s : "";
-        openFds = reply.readInt32();
-    }
 };
 
 // FNV-1a over the pixels.

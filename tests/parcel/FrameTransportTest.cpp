@@ -108,7 +108,7 @@ protected:
         Parcel reply;
         EXPECT_EQ(OK, receiver->transact(code, data, &reply));
         FrameReport report;
-        report.readFrom(reply);
+        EXPECT_EQ(OK, reply.read(&report, sizeof(report)));
         return report;
     }
 
@@ -148,7 +148,7 @@ TEST_F(FrameTransportTest, RawDataEventPixelsArriveThroughSharedMemory) {
     EXPECT_EQ(777, report.timestamp);
     EXPECT_EQ(12, report.locationValue);
     EXPECT_EQ(-1, report.locationLocalIndex);
-    EXPECT_EQ("from the service", report.text);
+    EXPECT_STREQ("from the service", report.text);
 }
 
 TEST_F(FrameTransportTest, FrameSentToSeveralReceiversIsCopiedOnce) {

@@ -51,10 +51,6 @@ std::string hex(const uint8_t* data, size_t size) {
     return out;
 }
 
-std::string hex(const std::vector<uint8_t>& bytes) {
-    return hex(bytes.data(), bytes.size());
-}
-
 void loadBytes(Parcel& parcel, const std::vector<uint8_t>& bytes) {
     ASSERT_EQ(OK, parcel.setData(bytes.data(), bytes.size()));
     parcel.setDataPosition(0);
@@ -198,8 +194,6 @@ TEST(ParcelFormsTest, EveryFormWritesItsExactBytes) {
     config.fidelity = 3;
     config.filter = -4;
     config.debugString = "abc";
-    HeadTrackingConfiguration longConfig;
-    longConfig.debugString = std::string(255, 'x') + "yz";  // 257 characters
     HeadTrackingState state;
     state.primary = 5;
     state.secondary = -1;
@@ -221,9 +215,6 @@ TEST(ParcelFormsTest, EveryFormWritesItsExactBytes) {
             {"configuration",
              [&](Parcel& p) { EXPECT_EQ(OK, HeadTrackerHandleParceler::parcel(config, p)); },
              WireBytes().i32(3).i32(-4).i32(3).cstr("abc").bytes(), 16},
-            {"configuration cut to 256 characters",
-             [&](Parcel& p) { EXPECT_EQ(OK, HeadTrackerHandleParceler::parcel(longConfig, p)); },
-             WireBytes().i32(2).i32(1).i32(256).cstr(std::string(255, 'x') + "y").bytes(), 0},
             {"configuration with empty string",
              [&](Parcel& p) {
                  EXPECT_EQ(OK, HeadTrackerHandleParceler::parcel(HeadTrackingConfiguration(), p));
@@ -258,7 +249,8 @@ TEST(ParcelFormsTest, EveryFormWritesItsExactBytes) {
         SCOPED_TRACE(form.name);
         Parcel parcel;
         form.write(parcel);
-        EXPECT_EQ(hex(form.expected), hex(parcel.data(), parcel.dataSize()));
+        EXPECT_EQ(hex(form.expected.data(), form.expected.size()),
+                  hex(parcel.data(), parcel.dataSize()));
         EXPECT_EQ(0u, parcel.objectsCount());
         if (form.expectedSize != 0) {
             EXPECT_EQ(form.expectedSize, form.expected.size());
@@ -358,92 +350,82 @@ TEST(ParcelFormsTest, EventTextArrivesTerminatedWithAtMost255Characters) {
     EXPECT_EQ(std::string(255, 'w'), std::string(back.text));
 }
 
-TEST(ParcelFormsTest, RecordsRoundTripAndAnyNonZeroFlagReadsTrue) {
-    const HeadTrackingEvent event = sampleEvent();
-    Parcel parcel;
-    ASSERT_EQ(OK, HeadTrackingEventParceler::parcel(event, parcel));
-    parcel.setDataPosition(0);
-    HeadTrackingEvent back;
-    HeadTrackingEventParceler::unparcel(back, parcel);
-    EXPECT_EQ(event.timestamp, back.timestamp);
-    EXPECT_EQ(event.component0, back.component0);
-    EXPECT_EQ(event.component1, back.component1);
-    EXPECT_EQ(event.component2, back.component2);
-    EXPECT_TRUE(back.flag0);
-    EXPECT_FALSE(back.flag1);
-    EXPECT_EQ(event.scalar, back.scalar);
-    EXPECT_STREQ(event.text, back.text);
+// Reads `value`'s form back and writes it again: a field lost or altered on the way changes the
+// bytes. Returns what was read.
+template <typename T, typename Write, typename Read>
+T expectRewrittenAlike(const T& value, Write write, Read read) {
+    Parcel first;
+    EXPECT_EQ(OK, write(value, first));
+    first.setDataPosition(0);
+    T back;
+    read(back, first);
+    EXPECT_EQ(0u, first.dataAvail());
+    Parcel second;
+    EXPECT_EQ(OK, write(back, second));
+    EXPECT_EQ(hex(first.data(), first.dataSize()), hex(second.data(), second.dataSize()));
+    return back;
+}
 
-    // Peers may write any non-zero word for a flag.
-    Parcel peer;
-    loadBytes(peer, WireBytes().i64(1).f32(0).f32(0).f32(0).i32(5).i32(-1).f32(0).cstr("").bytes());
-    HeadTrackingEventParceler::unparcel(back, peer);
-    EXPECT_TRUE(back.flag0);
-    EXPECT_TRUE(back.flag1);
+TEST(ParcelFormsTest, RecordsReadBackAsWrittenExceptTheLocalIndex) {
+    StateChangeEvent change;
+    change.timestamp = 99;
+    change.flag = true;
+    change.state = {-7, 8};
+    RawDataEvent raw = sampleRawEvent();
+    raw.headLocation1 = HeadLocation();  // defaults: identity orientation
+    raw.headLocation1.localIndex = 3;
+    RawDataEventParceler writer, reader;
+    CameraFrameEventParceler frames;
+    {
+        SCOPED_TRACE("event");
+        expectRewrittenAlike(sampleEvent(), HeadTrackingEventParceler::parcel,
+                             HeadTrackingEventParceler::unparcel);
+    }
+    {
+        SCOPED_TRACE("state change");
+        expectRewrittenAlike(change, StateChangeEventParceler::parcel,
+                             StateChangeEventParceler::unparcel);
+    }
+    {
+        SCOPED_TRACE("settings");
+        expectRewrittenAlike(
+                sampleSettings(),
+                [&](const CameraSettings& v, Parcel& p) { return frames.parcelCameraSettings(v, p); },
+                [&](CameraSettings& v, Parcel& p) { frames.unparcelCameraSettings(v, p); });
+    }
+    {
+        SCOPED_TRACE("raw data event");
+        const RawDataEvent back = expectRewrittenAlike(
+                raw, [&](const RawDataEvent& v, Parcel& p) { return writer.parcel(v, p); },
+                [&](RawDataEvent& v, Parcel& p) { EXPECT_EQ(OK, reader.unparcel(v, p)); });
+        EXPECT_EQ(-1, back.headLocation0.localIndex);
+        EXPECT_EQ(-1, back.headLocation1.localIndex);
+        EXPECT_EQ(nullptr, back.cameraFrameEvent.data);
+        EXPECT_EQ(0, memcmp(raw.headLocation0.vector27, back.headLocation0.vector27,
+                            sizeof(back.headLocation0.vector27)));
+    }
+}
+
+TEST(ParcelFormsTest, AnyNonZeroFlagFromAPeerReadsTrue) {
+    Parcel event;
+    loadBytes(event, WireBytes().i64(1).f32(0).f32(0).f32(0).i32(5).i32(-1).f32(0).cstr("").bytes());
+    HeadTrackingEvent eventBack;
+    HeadTrackingEventParceler::unparcel(eventBack, event);
+    EXPECT_TRUE(eventBack.flag0);
+    EXPECT_TRUE(eventBack.flag1);
 
     Parcel change;
     loadBytes(change, WireBytes().i64(99).i32(2).i32(-7).i32(8).bytes());
     StateChangeEvent changeBack;
     StateChangeEventParceler::unparcel(changeBack, change);
-    EXPECT_EQ(99, changeBack.timestamp);
     EXPECT_TRUE(changeBack.flag);
-    EXPECT_EQ(-7, changeBack.state.primary);
-    EXPECT_EQ(8, changeBack.state.secondary);
 
-    Parcel settings;
-    loadBytes(settings, settingsBytes(sampleSettings()).bytes());
-    CameraSettings settingsBack;
-    CameraFrameEventParceler().unparcelCameraSettings(settingsBack, settings);
-    EXPECT_EQ(0, memcmp(sampleSettings().settingsA, settingsBack.settingsA, 7 * 4));
-    EXPECT_EQ(0, memcmp(sampleSettings().settingsB, settingsBack.settingsB, 6 * 4));
-    EXPECT_TRUE(settingsBack.settingsFlag);
-}
-
-TEST(ParcelFormsTest, HeadLocationsCarryEverythingButTheLocalIndex) {
-    RawDataEvent event = sampleRawEvent();
-    event.headLocation1 = HeadLocation();  // defaults: identity orientation
-    event.headLocation1.localIndex = 3;
-    RawDataEventParceler writer;
-    Parcel parcel;
-    ASSERT_EQ(OK, writer.parcel(event, parcel));
-    parcel.setDataPosition(0);
-
-    RawDataEventParceler reader;
-    RawDataEvent back;
-    ASSERT_EQ(OK, reader.unparcel(back, parcel));
-    EXPECT_EQ(event.timestamp, back.timestamp);
-    EXPECT_EQ(0u, parcel.dataAvail());
-
-    const HeadLocation& l0 = back.headLocation0;
-    EXPECT_TRUE(l0.flag0);
-    EXPECT_FALSE(l0.flag1);
-    EXPECT_EQ(1, l0.value);
-    EXPECT_EQ(-1, l0.localIndex);
-    EXPECT_EQ(0, memcmp(event.headLocation0.orientation, l0.orientation, sizeof(l0.orientation)));
-    EXPECT_TRUE(l0.hasVector8);
-    EXPECT_EQ(0, memcmp(event.headLocation0.vector8, l0.vector8, sizeof(l0.vector8)));
-    EXPECT_FALSE(l0.hasVector27);
-    EXPECT_EQ(0, memcmp(event.headLocation0.vector27, l0.vector27, sizeof(l0.vector27)));
-
-    const HeadLocation& l1 = back.headLocation1;
-    EXPECT_EQ(-1, l1.localIndex);
-    const float identity[4] = {0, 0, 0, 1};
-    EXPECT_EQ(0, memcmp(identity, l1.orientation, sizeof(identity)));
-
-    EXPECT_EQ(std::string("yaw ok"), back.headTrackingEvent0.text);
-    EXPECT_TRUE(back.headTrackingEvent1.flag1);
-    ASSERT_EQ(2u, back.cameraFrameEvent.sensorData.size());
-    EXPECT_EQ(20, back.cameraFrameEvent.sensorData[1].timestamp);
-    EXPECT_EQ(nullptr, back.cameraFrameEvent.data);
-
-    // A peer's 2 in a flag position is true.
+    std::vector<uint8_t> location = locationBytes(HeadLocation()).bytes();
+    location[4] = 2;  // flag1
     Parcel peer;
-    WireBytes b = locationBytes(HeadLocation());
-    std::vector<uint8_t> bytes = b.bytes();
-    bytes[4] = 2;  // flag1
-    loadBytes(peer, bytes);
+    loadBytes(peer, location);
     HeadLocation flagged;
-    reader.unparcelHeadLocation(flagged, peer);
+    RawDataEventParceler().unparcelHeadLocation(flagged, peer);
     EXPECT_TRUE(flagged.flag1);
 }
 
@@ -492,18 +474,23 @@ protected:
 
 TEST_F(FramePixelsTest, PixelsRoundTripAndTheBufferIsReusedWhileTheSizeHolds) {
     CameraFrameEventParceler reader;
+    // Writes `frame` with a writer of its own and reads it with `reader`.
+    auto throughParcel = [&reader](const CameraFrameEvent& frame, size_t objects) {
+        Parcel parcel;
+        CameraFrameEventParceler().parcel(frame, parcel);
+        EXPECT_EQ(objects, parcel.objectsCount());
+        parcel.setDataPosition(0);
+        CameraFrameEvent back;
+        reader.unparcel(back, parcel);
+        return back;
+    };
     std::vector<unsigned char> first = pattern(1);
     CameraFrameEvent frame = sampleFrame();
     frame.width = kWidth;
     frame.height = kHeight;
     frame.data = first.data();
     frame.timestamp = 1;
-    Parcel parcel;
-    CameraFrameEventParceler().parcel(frame, parcel);
-    EXPECT_EQ(1u, parcel.objectsCount());
-    parcel.setDataPosition(0);
-    CameraFrameEvent back;
-    reader.unparcel(back, parcel);
+    const CameraFrameEvent back = throughParcel(frame, 1);
     ASSERT_NE(nullptr, back.data);
     EXPECT_NE(first.data(), back.data);
     EXPECT_EQ(0, memcmp(first.data(), back.data, kArea));
@@ -511,24 +498,14 @@ TEST_F(FramePixelsTest, PixelsRoundTripAndTheBufferIsReusedWhileTheSizeHolds) {
     unsigned char* const buffer = back.data;
 
     // A frame without pixels neither uses nor touches the buffer.
-    CameraFrameEvent none = sampleFrame();
-    Parcel noneParcel;
-    CameraFrameEventParceler().parcel(none, noneParcel);
-    noneParcel.setDataPosition(0);
-    CameraFrameEvent noneBack;
-    reader.unparcel(noneBack, noneParcel);
-    EXPECT_EQ(nullptr, noneBack.data);
+    EXPECT_EQ(nullptr, throughParcel(sampleFrame(), 0).data);
     EXPECT_EQ(0, memcmp(first.data(), buffer, kArea));
 
     // The next frame of the same size lands in the same buffer.
     std::vector<unsigned char> second = pattern(2);
     frame.timestamp = 2;
     frame.data = second.data();
-    Parcel parcel2;
-    CameraFrameEventParceler().parcel(frame, parcel2);
-    parcel2.setDataPosition(0);
-    CameraFrameEvent back2;
-    reader.unparcel(back2, parcel2);
+    const CameraFrameEvent back2 = throughParcel(frame, 1);
     EXPECT_EQ(buffer, back2.data);
     EXPECT_EQ(0, memcmp(second.data(), back2.data, kArea));
 
