@@ -1,6 +1,6 @@
-// Records, listener base classes and the service interface of the host common library: field
-// defaults, field order and widths, listener bodies and the order of the virtual operations,
-// which other binaries built against the same declarations depend on.
+// Records and listener base classes of the host common library: field defaults, field order and
+// widths (which other binaries built against the same declarations depend on), listener bodies.
+// The order of the virtual operations is pinned by the service's ABI test.
 
 #include <stddef.h>
 #include <string.h>
@@ -17,83 +17,61 @@
 #include <tovarin/HeadTrackingTypes.h>
 #include <tovarin/RawDataEvent.h>
 #include <tovarin/TovarinListener.h>
-#include <tovarin/TovarinService.h>
 
 namespace morvel {
 namespace tovarin {
 namespace {
 
-struct Expectation {
-    std::string field;
-    double actual;
-    double expected;
-};
-
-void expectAll(const std::vector<Expectation>& table) {
-    for (const Expectation& e : table) {
-        EXPECT_EQ(e.actual, e.expected) << e.field;
-    }
+// Every element of `values` equals `expected`.
+template <typename T, size_t N>
+void expectEach(const T (&values)[N], T expected, const std::string& name) {
+    for (size_t i = 0; i < N; ++i) EXPECT_EQ(values[i], expected) << name << "[" << i << "]";
 }
 
 TEST(RecordDefaults, HeadTrackerValueTypes) {
     HeadTrackerHandle handle;
+    EXPECT_EQ(handle.id, -1);
+    EXPECT_EQ(handle.secondaryId, -1);
     HeadTrackingConfiguration config;
+    EXPECT_EQ(config.fidelity, 2);
+    EXPECT_EQ(config.filter, 1);
+    EXPECT_EQ(config.debugString, "");
     HeadTrackingEvent event;
-    HeadTrackingState state;
+    EXPECT_EQ(event.timestamp, 0);
+    EXPECT_EQ(event.component0, 0.0f);
+    EXPECT_EQ(event.component1, 0.0f);
+    EXPECT_EQ(event.component2, 0.0f);
+    EXPECT_FALSE(event.flag0);
+    EXPECT_FALSE(event.flag1);
+    EXPECT_EQ(event.scalar, 0.0f);
+    expectEach(event.text, '\0', "HeadTrackingEvent.text");
     StateChangeEvent change;
-    expectAll({
-            {"HeadTrackerHandle.id", double(handle.id), -1},
-            {"HeadTrackerHandle.secondaryId", double(handle.secondaryId), -1},
-            {"HeadTrackingConfiguration.fidelity", double(config.fidelity), 2},
-            {"HeadTrackingConfiguration.filter", double(config.filter), 1},
-            {"HeadTrackingConfiguration.debugString.size", double(config.debugString.size()), 0},
-            {"HeadTrackingEvent.timestamp", double(event.timestamp), 0},
-            {"HeadTrackingEvent.component0", event.component0, 0},
-            {"HeadTrackingEvent.component1", event.component1, 0},
-            {"HeadTrackingEvent.component2", event.component2, 0},
-            {"HeadTrackingEvent.flag0", double(event.flag0), 0},
-            {"HeadTrackingEvent.flag1", double(event.flag1), 0},
-            {"HeadTrackingEvent.scalar", event.scalar, 0},
-            {"HeadTrackingState.primary", double(state.primary), 0},
-            {"HeadTrackingState.secondary", double(state.secondary), 0},
-            {"StateChangeEvent.timestamp", double(change.timestamp), 0},
-            {"StateChangeEvent.flag", double(change.flag), 0},
-            {"StateChangeEvent.state.primary", double(change.state.primary), 0},
-            {"StateChangeEvent.state.secondary", double(change.state.secondary), 0},
-    });
-    for (size_t i = 0; i < sizeof(event.text); ++i) {
-        ASSERT_EQ(event.text[i], '\0') << "HeadTrackingEvent.text[" << i << "]";
+    EXPECT_EQ(change.timestamp, 0);
+    EXPECT_FALSE(change.flag);
+    for (const HeadTrackingState& state : {HeadTrackingState(), change.state}) {
+        EXPECT_EQ(state.primary, 0);
+        EXPECT_EQ(state.secondary, 0);
     }
 }
 
 TEST(RecordDefaults, HeadLocationAndRawDataEvent) {
     RawDataEvent raw;
-    std::vector<Expectation> table = {{"RawDataEvent.timestamp", double(raw.timestamp), 0}};
-    int index = 0;
+    EXPECT_EQ(raw.timestamp, 0);
+    EXPECT_EQ(raw.headTrackingEvent0.timestamp, 0);
+    EXPECT_EQ(raw.headTrackingEvent1.scalar, 0.0f);
     for (const HeadLocation* location : {&raw.headLocation0, &raw.headLocation1}) {
-        const std::string name = "headLocation" + std::to_string(index++) + ".";
-        table.push_back({name + "flag0", double(location->flag0), 0});
-        table.push_back({name + "flag1", double(location->flag1), 0});
-        table.push_back({name + "value", double(location->value), 1});
-        table.push_back({name + "localIndex", double(location->localIndex), -1});
+        SCOPED_TRACE(location == &raw.headLocation0 ? "headLocation0" : "headLocation1");
+        EXPECT_FALSE(location->flag0);
+        EXPECT_FALSE(location->flag1);
+        EXPECT_EQ(location->value, 1);
+        EXPECT_EQ(location->localIndex, -1);
         const float identity[4] = {0, 0, 0, 1};
-        for (int i = 0; i < 4; ++i) {
-            table.push_back({name + "orientation[" + std::to_string(i) + "]",
-                             location->orientation[i], identity[i]});
-        }
-        table.push_back({name + "hasVector8", double(location->hasVector8), 0});
-        table.push_back({name + "hasVector27", double(location->hasVector27), 0});
-        for (int i = 0; i < 8; ++i) {
-            table.push_back({name + "vector8[" + std::to_string(i) + "]", location->vector8[i], 0});
-        }
-        for (int i = 0; i < 27; ++i) {
-            table.push_back(
-                    {name + "vector27[" + std::to_string(i) + "]", location->vector27[i], 0});
-        }
+        for (int i = 0; i < 4; ++i) EXPECT_EQ(location->orientation[i], identity[i]) << i;
+        EXPECT_FALSE(location->hasVector8);
+        EXPECT_FALSE(location->hasVector27);
+        expectEach(location->vector8, 0.0f, "vector8");
+        expectEach(location->vector27, 0.0f, "vector27");
     }
-    table.push_back({"headTrackingEvent0.timestamp", double(raw.headTrackingEvent0.timestamp), 0});
-    table.push_back({"headTrackingEvent1.scalar", raw.headTrackingEvent1.scalar, 0});
-    expectAll(table);
 }
 
 TEST(RecordDefaults, CameraFrameEventAndSettings) {
@@ -103,39 +81,26 @@ TEST(RecordDefaults, CameraFrameEventAndSettings) {
     // The timestamp is the monotonic clock at construction, not zero and not the wall clock.
     EXPECT_GE(frame.timestamp, before);
     EXPECT_LE(frame.timestamp, after);
-
-    std::vector<Expectation> table = {
-            {"CameraFrameEvent.tag", double(frame.tag), 0},
-            {"CameraFrameEvent.data", double(frame.data == nullptr), 1},
-            {"CameraFrameEvent.width", double(frame.width), 0},
-            {"CameraFrameEvent.height", double(frame.height), 0},
-            {"CameraFrameEvent.sensorData.size", double(frame.sensorData.size()), 0},
-            {"CameraSettings.settingsFlag", double(frame.settings.settingsFlag), 0},
-    };
-    for (int i = 0; i < 7; ++i) {
-        table.push_back({"settingsA[" + std::to_string(i) + "]",
-                         double(frame.settings.settingsA[i]), 0});
-    }
-    for (int i = 0; i < 6; ++i) {
-        table.push_back({"settingsB[" + std::to_string(i) + "]",
-                         double(frame.settings.settingsB[i]), 0});
-    }
+    EXPECT_EQ(frame.tag, 0);
+    EXPECT_EQ(frame.data, nullptr);
+    EXPECT_EQ(frame.width, 0);
+    EXPECT_EQ(frame.height, 0);
+    EXPECT_TRUE(frame.sensorData.empty());
     SensorData sample;
-    table.push_back({"SensorData.timestamp", double(sample.timestamp), 0});
-    table.push_back({"SensorData.tag", double(sample.tag), 0});
-    table.push_back({"SensorData.code", double(sample.code), 0});
-    for (int i = 0; i < 3; ++i) {
-        table.push_back({"SensorData.values[" + std::to_string(i) + "]", sample.values[i], 0});
-    }
-    expectAll(table);
+    EXPECT_EQ(sample.timestamp, 0);
+    EXPECT_EQ(sample.tag, 0);
+    EXPECT_EQ(sample.code, 0);
+    expectEach(sample.values, 0.0f, "SensorData.values");
 
-    // The constructor really zeroes: build one in memory full of garbage.
+    // The settings constructor really zeroes: build one in memory full of garbage.
     alignas(CameraSettings) unsigned char storage[sizeof(CameraSettings)];
     memset(storage, 0xa5, sizeof(storage));
     CameraSettings* settings = new (storage) CameraSettings();
-    for (int i = 0; i < 7; ++i) EXPECT_EQ(settings->settingsA[i], 0) << "settingsA " << i;
-    for (int i = 0; i < 6; ++i) EXPECT_EQ(settings->settingsB[i], 0) << "settingsB " << i;
-    EXPECT_FALSE(settings->settingsFlag);
+    for (const CameraSettings* s : {&frame.settings, settings}) {
+        expectEach(s->settingsA, int32_t(0), "settingsA");
+        expectEach(s->settingsB, int32_t(0), "settingsB");
+        EXPECT_FALSE(s->settingsFlag);
+    }
     settings->~CameraSettings();
 }
 
@@ -267,69 +232,6 @@ TEST(ListenerBodies, AccessorsActOnTheirOwnFieldsThroughTheBase) {
     raw->onEvent(RawDataEvent());
     EXPECT_EQ(state->events, 1);
     EXPECT_EQ(raw->events, 1);
-}
-
-// Slot of a virtual member function in its class's primary virtual table (Itanium C++ ABI: a
-// pointer to a virtual member encodes the slot's byte offset). -1 when not virtual.
-template <typename PMF>
-long slotOf(PMF pmf) {
-    struct Representation {
-        uintptr_t ptr;
-        ptrdiff_t adj;
-    } rep;
-    static_assert(sizeof(PMF) == sizeof(Representation));
-    memcpy(&rep, &pmf, sizeof(rep));
-#if defined(__arm__) || defined(__aarch64__)
-    if ((rep.adj & 1) == 0) return -1;
-    return static_cast<long>(rep.ptr / sizeof(void*));
-#else
-    if ((rep.ptr & 1) == 0) return -1;
-    return static_cast<long>((rep.ptr - 1) / sizeof(void*));
-#endif
-}
-
-struct SlotExpectation {
-    const char* name;
-    long actual;
-    long expected;
-};
-
-TEST(VirtualSlots, ListenerOperationsFollowTheTwoDestructorSlots) {
-    const SlotExpectation table[] = {
-            {"getHandle", slotOf(&TovarinListener::getHandle), 2},
-            {"setHandle", slotOf(&TovarinListener::setHandle), 3},
-            {"getPid", slotOf(&TovarinListener::getPid), 4},
-            {"setPid", slotOf(&TovarinListener::setPid), 5},
-            {"getRegistrationTimestamp", slotOf(&TovarinListener::getRegistrationTimestamp), 6},
-            {"updateRegistrationTimestamp", slotOf(&TovarinListener::updateRegistrationTimestamp),
-             7},
-            {"RawDataListener::onEvent", slotOf(&RawDataListener::onEvent), 8},
-            {"StateChangeListener::onEvent", slotOf(&StateChangeListener::onEvent), 8},
-    };
-    for (const SlotExpectation& e : table) EXPECT_EQ(e.actual, e.expected) << e.name;
-}
-
-TEST(VirtualSlots, ServiceOperationsInInterfaceOrder) {
-    using S = TovarinService;
-    const SlotExpectation table[] = {
-            {"registerRawDataListener", slotOf(&S::registerRawDataListener), 2},
-            {"unregisterRawDataListener", slotOf(&S::unregisterRawDataListener), 3},
-            {"setEnabledState", slotOf(&S::setEnabledState), 4},
-            {"getEnabled", slotOf(&S::getEnabled), 5},
-            {"getHardwareState", slotOf(&S::getHardwareState), 6},
-            {"getHeadTrackingState", slotOf(&S::getHeadTrackingState), 7},
-            {"registerStateChangeListener", slotOf(&S::registerStateChangeListener), 8},
-            {"unregisterStateChangeListener", slotOf(&S::unregisterStateChangeListener), 9},
-            {"getHeadTrackerHandle", slotOf(&S::getHeadTrackerHandle), 10},
-            {"releaseHeadTrackerHandle", slotOf(&S::releaseHeadTrackerHandle), 11},
-            {"start", slotOf(&S::start), 12},
-            {"stop", slotOf(&S::stop), 13},
-            {"standby", slotOf(&S::standby), 14},
-            {"setConfiguration", slotOf(&S::setConfiguration), 15},
-            {"sample", slotOf(&S::sample), 16},
-            {"setPid", slotOf(&S::setPid), 17},
-    };
-    for (const SlotExpectation& e : table) EXPECT_EQ(e.actual, e.expected) << e.name;
 }
 
 }  // namespace

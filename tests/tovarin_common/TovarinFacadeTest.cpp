@@ -46,37 +46,44 @@ F::TrackerState stateOf(const sp<TovarinFacade>& facade, int32_t id) {
     return info.state;
 }
 
-// ---------------------------------------------------------------------------------------------
 // Allocation
-// ---------------------------------------------------------------------------------------------
 
 TEST(TrackerAllocation, LowestFreeIdUntilExhaustedThenMinusOne) {
-    sp<TovarinFacade> facade = makeFacade();
-    ASSERT_EQ(facade->getTrackerCount(), 4);
-    for (int32_t expected = 0; expected < 4; ++expected) {
-        HeadTrackerHandle handle = facade->getHeadTrackerHandle();
-        EXPECT_EQ(handle.id, expected);
-        EXPECT_EQ(handle.secondaryId, -1);
-        EXPECT_EQ(stateOf(facade, expected), F::STOPPED);
-    }
-    HeadTrackerHandle none = facade->getHeadTrackerHandle();
-    EXPECT_EQ(none.id, -1);
-    EXPECT_EQ(none.secondaryId, -1);
+    F::Options two;
+    two.trackerCount = 2;
+    for (const auto& [options, count] : {std::pair{F::Options(), 4}, std::pair{two, 2}}) {
+        SCOPED_TRACE(count);
+        sp<TovarinFacade> facade = makeFacade(options);
+        ASSERT_EQ(facade->getTrackerCount(), count);
+        for (int32_t expected = 0; expected < count; ++expected) {
+            HeadTrackerHandle handle = facade->getHeadTrackerHandle();
+            EXPECT_EQ(handle.id, expected);
+            EXPECT_EQ(handle.secondaryId, -1);
+            EXPECT_EQ(stateOf(facade, expected), F::STOPPED);
+        }
+        HeadTrackerHandle none = facade->getHeadTrackerHandle();
+        EXPECT_EQ(none.id, -1);
+        EXPECT_EQ(none.secondaryId, -1);
+        F::TrackerInfo info;
+        EXPECT_FALSE(facade->getTrackerInfo(count, &info));
 
-    // Freed ids come back lowest first.
-    facade->releaseHeadTrackerHandle(handleOf(2));
-    facade->releaseHeadTrackerHandle(handleOf(1));
-    EXPECT_EQ(stateOf(facade, 1), F::FREE);
-    EXPECT_EQ(facade->getHeadTrackerHandle().id, 1);
-    EXPECT_EQ(facade->getHeadTrackerHandle().id, 2);
-    EXPECT_EQ(facade->getHeadTrackerHandle().id, -1);
+        // Freed ids come back lowest first, not most recently freed first.
+        facade->releaseHeadTrackerHandle(handleOf(count - 2));
+        facade->releaseHeadTrackerHandle(handleOf(count - 1));
+        EXPECT_EQ(stateOf(facade, count - 2), F::FREE);
+        EXPECT_EQ(facade->getHeadTrackerHandle().id, count - 2);
+        EXPECT_EQ(facade->getHeadTrackerHandle().id, count - 1);
+        EXPECT_EQ(facade->getHeadTrackerHandle().id, -1);
+    }
 }
 
 TEST(TrackerAllocation, ReleasingFreeOrUnknownIdsChangesNothing) {
     sp<TovarinFacade> facade = makeFacade();
     ASSERT_EQ(facade->getHeadTrackerHandle().id, 0);
     ASSERT_EQ(facade->start(handleOf(0)), OK);
-    for (int32_t id : {-1, 1, 3, 4, 1000, INT32_MIN}) facade->releaseHeadTrackerHandle(handleOf(id));
+    for (int32_t id : {-1, 1, 3, 4, 1000, INT32_MIN}) {
+        facade->releaseHeadTrackerHandle(handleOf(id));
+    }
     EXPECT_EQ(stateOf(facade, 0), F::STARTED);
     EXPECT_EQ(facade->getHeadTrackerHandle().id, 1);
 
@@ -94,17 +101,6 @@ TEST(TrackerAllocation, ReleasingFreeOrUnknownIdsChangesNothing) {
     EXPECT_EQ(info.pid, -1);
     EXPECT_EQ(info.configuration.fidelity, 2);
     EXPECT_EQ(info.configuration.filter, 1);
-}
-
-TEST(TrackerAllocation, TrackerCountOption) {
-    F::Options options;
-    options.trackerCount = 2;
-    sp<TovarinFacade> facade = makeFacade(options);
-    EXPECT_EQ(facade->getHeadTrackerHandle().id, 0);
-    EXPECT_EQ(facade->getHeadTrackerHandle().id, 1);
-    EXPECT_EQ(facade->getHeadTrackerHandle().id, -1);
-    F::TrackerInfo info;
-    EXPECT_FALSE(facade->getTrackerInfo(2, &info));
 }
 
 TEST(TrackerAllocation, ConcurrentCallersNeverShareATracker) {
@@ -133,9 +129,7 @@ TEST(TrackerAllocation, ConcurrentCallersNeverShareATracker) {
     for (int32_t id = 0; id < 4; ++id) EXPECT_EQ(stateOf(facade, id), F::FREE);
 }
 
-// ---------------------------------------------------------------------------------------------
 // State machine
-// ---------------------------------------------------------------------------------------------
 
 enum class Op { Start, Stop, Standby, Disable, Enable };
 
@@ -260,10 +254,6 @@ TEST(TrackerConfiguration, ValidatedAndStoredPerTracker) {
     ASSERT_TRUE(facade->getTrackerInfo(second.id, &other));
     EXPECT_EQ(other.configuration.fidelity, 2);
     EXPECT_EQ(other.configuration.filter, 1);
-
-    EXPECT_EQ(facade->setPid(second, 777), OK);
-    ASSERT_TRUE(facade->getTrackerInfo(second.id, &other));
-    EXPECT_EQ(other.pid, 777);
 }
 
 TEST(TrackerConfiguration, DiagnosticsFollowTheStateOnlyWhenAskedTo) {
@@ -304,9 +294,7 @@ TEST(TrackerConfiguration, DiagnosticsFollowTheStateOnlyWhenAskedTo) {
     store->clearAll();
 }
 
-// ---------------------------------------------------------------------------------------------
 // Sampling
-// ---------------------------------------------------------------------------------------------
 
 TEST(TrackerSampling, OnlyStartedTrackersSampleAndTheEventIsLeftAloneOtherwise) {
     sp<TovarinFacade> facade = makeFacade();
@@ -369,9 +357,7 @@ TEST(TrackerSampling, MotionIsSmoothButMoving) {
     EXPECT_GT(travelled, 0.5f) << "the head does not move";
 }
 
-// ---------------------------------------------------------------------------------------------
 // State change listeners
-// ---------------------------------------------------------------------------------------------
 
 class RecordingStateListener : public StateChangeListener {
 public:
@@ -566,9 +552,7 @@ TEST(StateChangeListeners, NoCallbackAfterShutdown) {
     facade->shutdown();                  // idempotent
 }
 
-// ---------------------------------------------------------------------------------------------
 // Raw data listeners
-// ---------------------------------------------------------------------------------------------
 
 class RecordingRawListener : public RawDataListener {
 public:
