@@ -1,5 +1,6 @@
 /*
- * Pins the order of virtual operations of the service, listener and death tracking classes.
+ * Pins the order of virtual operations of the service, listener and death tracking classes
+ * (and so of the common library's listener bases and service interface they derive from).
  *
  * Under the Itanium C++ ABI a pointer to a virtual member function holds 1 + the byte offset
  * of the function's entry in the virtual table, and the this-adjustment of the table's
@@ -51,95 +52,72 @@ Slot slotOf(MemberFunction function) {
                 representation.adjustment};
 }
 
-Slot primary(ptrdiff_t index) {
-    return Slot{index, 0};
+struct Expected {
+    const char* name;
+    Slot actual;
+    ptrdiff_t index;  // in the primary table
+};
+
+void expectPrimary(const char* className, std::initializer_list<Expected> table) {
+    for (const Expected& e : table) {
+        EXPECT_EQ((Slot{e.index, 0}), e.actual) << className << "::" << e.name;
+    }
 }
+
+#define SLOT(Class, function, index) Expected{#function, slotOf(&Class::function), index}
 
 // The sixteen service operations follow the two destructors, in this order, in every
 // implementation of the service.
-template <typename Service>
-void expectServiceOperations() {
-    EXPECT_EQ(primary(2), slotOf(&Service::registerRawDataListener));
-    EXPECT_EQ(primary(3), slotOf(&Service::unregisterRawDataListener));
-    EXPECT_EQ(primary(4), slotOf(&Service::setEnabledState));
-    EXPECT_EQ(primary(5), slotOf(&Service::getEnabled));
-    EXPECT_EQ(primary(6), slotOf(&Service::getHardwareState));
-    EXPECT_EQ(primary(7), slotOf(&Service::getHeadTrackingState));
-    EXPECT_EQ(primary(8), slotOf(&Service::registerStateChangeListener));
-    EXPECT_EQ(primary(9), slotOf(&Service::unregisterStateChangeListener));
-    EXPECT_EQ(primary(10), slotOf(&Service::getHeadTrackerHandle));
-    EXPECT_EQ(primary(11), slotOf(&Service::releaseHeadTrackerHandle));
-    EXPECT_EQ(primary(12), slotOf(&Service::start));
-    EXPECT_EQ(primary(13), slotOf(&Service::stop));
-    EXPECT_EQ(primary(14), slotOf(&Service::standby));
-    EXPECT_EQ(primary(15), slotOf(&Service::setConfiguration));
-    EXPECT_EQ(primary(16), slotOf(&Service::sample));
-    EXPECT_EQ(primary(17), slotOf(&Service::setPid));
+template <typename S>
+void expectServiceOperations(const char* className) {
+    expectPrimary(className,
+                  {SLOT(S, registerRawDataListener, 2), SLOT(S, unregisterRawDataListener, 3),
+                   SLOT(S, setEnabledState, 4), SLOT(S, getEnabled, 5),
+                   SLOT(S, getHardwareState, 6), SLOT(S, getHeadTrackingState, 7),
+                   SLOT(S, registerStateChangeListener, 8),
+                   SLOT(S, unregisterStateChangeListener, 9), SLOT(S, getHeadTrackerHandle, 10),
+                   SLOT(S, releaseHeadTrackerHandle, 11), SLOT(S, start, 12), SLOT(S, stop, 13),
+                   SLOT(S, standby, 14), SLOT(S, setConfiguration, 15), SLOT(S, sample, 16),
+                   SLOT(S, setPid, 17)});
 }
 
 TEST(VirtualTableTest, ServiceClasses) {
-    {
-        SCOPED_TRACE("TovarinService");
-        expectServiceOperations<TovarinService>();
-    }
-    {
-        SCOPED_TRACE("BpTovarinService");
-        expectServiceOperations<BpTovarinService>();
-    }
-    {
-        SCOPED_TRACE("BnTovarinService");
-        expectServiceOperations<BnTovarinService>();
-    }
-    EXPECT_EQ(primary(18), slotOf(&ITovarinService::getInterfaceDescriptor));
-    // Then queryLocalInterface and onAsBinder from the interface boilerplate, the stub's
+    expectServiceOperations<TovarinService>("TovarinService");
+    expectServiceOperations<BpTovarinService>("BpTovarinService");
+    expectServiceOperations<BnTovarinService>("BnTovarinService");
+    // Then the interface boilerplate (descriptor, queryLocalInterface, onAsBinder), the stub's
     // onTransact and the dump report.
-    EXPECT_EQ(primary(18), slotOf(&BnTovarinService::getInterfaceDescriptor));
-    EXPECT_EQ(primary(19), slotOf(&BnTovarinService::queryLocalInterface));
-    EXPECT_EQ(primary(21), slotOf(&BnTovarinService::onTransact));
-    EXPECT_EQ(primary(22), slotOf(&BnTovarinService::dump));
+    expectPrimary("ITovarinService", {SLOT(ITovarinService, getInterfaceDescriptor, 18)});
+    expectPrimary("BnTovarinService",
+                  {SLOT(BnTovarinService, getInterfaceDescriptor, 18),
+                   SLOT(BnTovarinService, queryLocalInterface, 19),
+                   SLOT(BnTovarinService, onTransact, 21), SLOT(BnTovarinService, dump, 22)});
 }
 
-template <typename Listener>
-void expectListenerOperations() {
-    EXPECT_EQ(primary(2), slotOf(&Listener::getHandle));
-    EXPECT_EQ(primary(3), slotOf(&Listener::setHandle));
-    EXPECT_EQ(primary(4), slotOf(&Listener::getPid));
-    EXPECT_EQ(primary(5), slotOf(&Listener::setPid));
-    EXPECT_EQ(primary(6), slotOf(&Listener::getRegistrationTimestamp));
-    EXPECT_EQ(primary(7), slotOf(&Listener::updateRegistrationTimestamp));
-    EXPECT_EQ(primary(8), slotOf(&Listener::onEvent));
+// The listener base's six operations follow the two destructors, then onEvent, then the
+// interface descriptor.
+template <typename L>
+void expectListenerOperations(const char* className) {
+    expectPrimary(className, {SLOT(L, getHandle, 2), SLOT(L, setHandle, 3), SLOT(L, getPid, 4),
+                              SLOT(L, setPid, 5), SLOT(L, getRegistrationTimestamp, 6),
+                              SLOT(L, updateRegistrationTimestamp, 7), SLOT(L, onEvent, 8),
+                              SLOT(L, getInterfaceDescriptor, 9)});
 }
 
 TEST(VirtualTableTest, ListenerClasses) {
-    {
-        SCOPED_TRACE("BnRawDataListener");
-        expectListenerOperations<BnRawDataListener>();
-        EXPECT_EQ(primary(9), slotOf(&BnRawDataListener::getInterfaceDescriptor));
-        EXPECT_EQ(primary(10), slotOf(&BnRawDataListener::queryLocalInterface));
-        EXPECT_EQ(primary(12), slotOf(&BnRawDataListener::onTransact));
-    }
-    {
-        SCOPED_TRACE("BnStateChangeListener");
-        expectListenerOperations<BnStateChangeListener>();
-        EXPECT_EQ(primary(9), slotOf(&BnStateChangeListener::getInterfaceDescriptor));
-        EXPECT_EQ(primary(10), slotOf(&BnStateChangeListener::queryLocalInterface));
-        EXPECT_EQ(primary(12), slotOf(&BnStateChangeListener::onTransact));
-    }
-    {
-        SCOPED_TRACE("BpRawDataListener");
-        expectListenerOperations<BpRawDataListener>();
-        EXPECT_EQ(primary(9), slotOf(&BpRawDataListener::getInterfaceDescriptor));
-    }
-    {
-        SCOPED_TRACE("BpStateChangeListener");
-        expectListenerOperations<BpStateChangeListener>();
-        EXPECT_EQ(primary(9), slotOf(&BpStateChangeListener::getInterfaceDescriptor));
-    }
+    expectListenerOperations<BnRawDataListener>("BnRawDataListener");
+    expectListenerOperations<BnStateChangeListener>("BnStateChangeListener");
+    expectListenerOperations<BpRawDataListener>("BpRawDataListener");
+    expectListenerOperations<BpStateChangeListener>("BpStateChangeListener");
+    expectPrimary("BnRawDataListener", {SLOT(BnRawDataListener, queryLocalInterface, 10),
+                                        SLOT(BnRawDataListener, onTransact, 12)});
+    expectPrimary("BnStateChangeListener", {SLOT(BnStateChangeListener, queryLocalInterface, 10),
+                                            SLOT(BnStateChangeListener, onTransact, 12)});
 }
 
 TEST(VirtualTableTest, DeathRecipientsNotifyFirst) {
-    EXPECT_EQ(primary(0), slotOf(&BnTovarinService::ClientDeathMapper::binderDied));
-    EXPECT_EQ(primary(0), slotOf(&ITovarinService::DeathNotifier::binderDied));
+    expectPrimary("ClientDeathMapper", {SLOT(BnTovarinService::ClientDeathMapper, binderDied, 0)});
+    expectPrimary("DeathNotifier", {SLOT(ITovarinService::DeathNotifier, binderDied, 0)});
 }
 
 }  // namespace

@@ -68,7 +68,6 @@ using morvel::tovarin::testing::RecordingFacade;
 namespace {
 
 constexpr char kProbeName[] = "morvel.tovarin.test.probe";
-enum ProbeCode : uint32_t { PROBE_CALLS = 1, PROBE_RECORDS = 2, PROBE_LOG = 3 };
 
 void say(const std::string& line) {
     static std::mutex lock;
@@ -86,32 +85,24 @@ public:
         : mFacade(facade), mService(service) {}
 
 protected:
+    // The facade's calls, the two death record counts, then the captured log lines.
     status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
-        switch (code) {
-            case PROBE_CALLS: {
-                const std::vector<std::string> calls = mFacade->calls();
-                reply->writeInt32(static_cast<int32_t>(calls.size()));
-                for (const std::string& call : calls) reply->writeString16(String16(call.c_str()));
-                return OK;
-            }
-            case PROBE_RECORDS:
-                reply->writeInt32(static_cast<int32_t>(
-                        mService->stateChangeListenerDeathMapper()->clientCount()));
-                reply->writeInt32(static_cast<int32_t>(
-                        mService->headTrackingPollerDeathMapper()->clientCount()));
-                return OK;
-            case PROBE_LOG: {
-                const std::vector<TovarinLogLine> lines = mCapture.lines();
-                reply->writeInt32(static_cast<int32_t>(lines.size()));
-                for (const TovarinLogLine& line : lines) {
-                    reply->writeInt32(line.level);
-                    reply->writeString16(String16(line.tag.c_str()));
-                    reply->writeString16(String16(line.text.c_str()));
-                }
-                return OK;
-            }
+        if (code != FIRST_CALL_TRANSACTION) return BBinder::onTransact(code, data, reply, flags);
+        const std::vector<std::string> calls = mFacade->calls();
+        reply->writeInt32(static_cast<int32_t>(calls.size()));
+        for (const std::string& call : calls) reply->writeString16(String16(call.c_str()));
+        reply->writeInt32(
+                static_cast<int32_t>(mService->stateChangeListenerDeathMapper()->clientCount()));
+        reply->writeInt32(
+                static_cast<int32_t>(mService->headTrackingPollerDeathMapper()->clientCount()));
+        const std::vector<TovarinLogLine> lines = mCapture.lines();
+        reply->writeInt32(static_cast<int32_t>(lines.size()));
+        for (const TovarinLogLine& line : lines) {
+            reply->writeInt32(line.level);
+            reply->writeString16(String16(line.tag.c_str()));
+            reply->writeString16(String16(line.text.c_str()));
         }
-        return BBinder::onTransact(code, data, reply, flags);
+        return OK;
     }
 
 private:
@@ -161,22 +152,18 @@ int runProbe() {
         return 1;
     }
     Parcel none;
-    Parcel calls;
-    probe->transact(PROBE_CALLS, none, &calls);
-    for (int32_t i = 0, n = calls.readInt32(); i < n; ++i) {
-        say("call: " + std::string(String8(calls.readString16()).string()));
+    Parcel report;
+    probe->transact(IBinder::FIRST_CALL_TRANSACTION, none, &report);
+    for (int32_t i = 0, n = report.readInt32(); i < n; ++i) {
+        say("call: " + std::string(String8(report.readString16()).string()));
     }
-    Parcel records;
-    probe->transact(PROBE_RECORDS, none, &records);
-    const int32_t state = records.readInt32();
-    const int32_t poller = records.readInt32();
+    const int32_t state = report.readInt32();
+    const int32_t poller = report.readInt32();
     say("records state=" + std::to_string(state) + " poller=" + std::to_string(poller));
-    Parcel log;
-    probe->transact(PROBE_LOG, none, &log);
-    for (int32_t i = 0, n = log.readInt32(); i < n; ++i) {
-        const int32_t level = log.readInt32();
-        const String8 tag(log.readString16());
-        const String8 text(log.readString16());
+    for (int32_t i = 0, n = report.readInt32(); i < n; ++i) {
+        const int32_t level = report.readInt32();
+        const String8 tag(report.readString16());
+        const String8 text(report.readString16());
         say("log: " + std::to_string(level) + "|" + tag.string() + "|" + text.string());
     }
     say("probe done");

@@ -40,6 +40,10 @@ bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
+void expectLines(const std::string& text, const std::vector<std::string>& parts) {
+    for (const std::string& part : parts) EXPECT_TRUE(contains(text, part)) << part << "\n" << text;
+}
+
 // The digits that follow `key` in `text`; empty when `key` is absent.
 std::string numberAfter(const std::string& text, const std::string& key) {
     const size_t start = text.find(key);
@@ -101,26 +105,18 @@ TEST_F(ServiceProcessTest, EveryOperationAcrossProcesses) {
     startRuntime(grants({kControl, kDump}));
     pid_t pid = -1;
     const std::string out = run({"operations"}, &pid);
-    for (const char* line :
-         {"enabled=1", "handle=0/-1", "setConfiguration=0", "start=0",
-          "sample=0 text=simulated timestamp>0=1", "standby=0", "stop=0", "setPid=0", "released",
-          "registerRawDataListener=-1 handle=-1", "token alive while held=1",
-          "token destroyed after release=1", "operations done"}) {
-        EXPECT_TRUE(contains(out, line)) << line << "\n" << out;
-    }
-    const std::string report = probe();
-    EXPECT_TRUE(contains(report, "call: setConfiguration 0 3 2 bench")) << report;
-    EXPECT_TRUE(contains(report, "call: releaseHeadTrackerHandle 0 -1")) << report;
-    EXPECT_TRUE(contains(report, "records state=0 poller=0")) << report;
+    expectLines(out, {"enabled=1", "handle=0/-1", "setConfiguration=0", "start=0",
+                      "sample=0 text=simulated timestamp>0=1", "standby=0", "stop=0", "setPid=0",
+                      "released", "registerRawDataListener=-1 handle=-1",
+                      "token alive while held=1", "token destroyed after release=1",
+                      "operations done"});
     // The information lines name the calling process.
-    const std::string caller = helper() + "(" + std::to_string(pid) + ")";
-    EXPECT_TRUE(contains(
-            report, "log: 4|TovarinBnTovarinService|" + caller + ": head tracker (0) - started"))
-            << report;
-    EXPECT_TRUE(contains(report, "log: 4|TovarinBnTovarinService|" + caller +
-                                         ": head tracker (0) - setConfiguration to "
-                                         "debugString=bench; fidelity=3; filter=2"))
-            << report;
+    const std::string logged = "log: 4|TovarinBnTovarinService|" + helper() + "(" +
+                               std::to_string(pid) + "): head tracker (0) - ";
+    expectLines(probe(), {"call: setConfiguration 0 3 2 bench",
+                          "call: releaseHeadTrackerHandle 0 -1", "records state=0 poller=0",
+                          logged + "started",
+                          logged + "setConfiguration to debugString=bench; fidelity=3; filter=2"});
 }
 
 TEST_F(ServiceProcessTest, KilledClientIsCleanedUp) {
@@ -139,26 +135,20 @@ TEST_F(ServiceProcessTest, KilledClientIsCleanedUp) {
     client.kill(SIGKILL);
     client.wait(kTimeoutMs);
 
-    const std::string report = probeUntil("records state=0 poller=0");
-    EXPECT_TRUE(contains(report, "records state=0 poller=0")) << report;
-    EXPECT_TRUE(contains(report, "call: unregisterStateChangeListener " + listener)) << report;
-    EXPECT_TRUE(contains(report, "call: releaseHeadTrackerHandle " + tracker + " -1")) << report;
-    EXPECT_TRUE(contains(report, "log: 6|TovarinBnTovarinService|" + name +
-                                         ": state change listener client died"))
-            << report;
-    EXPECT_TRUE(contains(report, "log: 6|TovarinBnTovarinService|" + name +
-                                         ": head tracking polling client died"))
-            << report;
+    const std::string logged = "log: 6|TovarinBnTovarinService|" + name + ": ";
+    expectLines(probeUntil("records state=0 poller=0"),
+                {"records state=0 poller=0", "call: unregisterStateChangeListener " + listener,
+                 "call: releaseHeadTrackerHandle " + tracker + " -1",
+                 logged + "state change listener client died",
+                 logged + "head tracking polling client died"});
     // The tracker is free again for the next client.
     EXPECT_TRUE(contains(run({"operations"}), "handle=" + tracker + "/-1"));
 }
 
 TEST_F(ServiceProcessTest, StateChangeEventsArriveInOrder) {
     startRuntime(grants({kControl, kDump}));
-    const std::string out = run({"events", "12"});
-    EXPECT_TRUE(contains(out, "register=0")) << out;
-    EXPECT_TRUE(contains(out, "events 010101010101 ordered=1")) << out;
-    EXPECT_TRUE(contains(out, "unregistered handle=-1")) << out;
+    expectLines(run({"events", "12"}),
+                {"register=0", "events 010101010101 ordered=1", "unregistered handle=-1"});
     EXPECT_TRUE(contains(probe(), "records state=0 poller=0"));
 }
 
@@ -169,12 +159,10 @@ TEST_F(ServiceProcessTest, EnabledStateNeedsTheControlPermission) {
     EXPECT_TRUE(contains(client.output(), "enabled=1")) << client.output();
     const std::string report = probe();
     EXPECT_FALSE(contains(report, "call: setEnabledState")) << report;
-    EXPECT_TRUE(contains(report, "log: 6|TovarinPermission|Permission Error: " + helper() + "(" +
-                                         std::to_string(client.pid()) +
-                                         ") must have permission "
-                                         "\"com.morvel.permission.TOVARIN_CONTROL\" /> before "
-                                         "calling setEnabled"))
-            << report;
+    expectLines(report, {"log: 6|TovarinPermission|Permission Error: " + helper() + "(" +
+                         std::to_string(client.pid()) +
+                         ") must have permission \"com.morvel.permission.TOVARIN_CONTROL\" /> "
+                         "before calling setEnabled"});
 
     mRuntime->setPolicy(grants({kControl}));
     EXPECT_TRUE(contains(run({"setenabled", "0"}), "enabled=0"));
@@ -182,12 +170,9 @@ TEST_F(ServiceProcessTest, EnabledStateNeedsTheControlPermission) {
 
 TEST_F(ServiceProcessTest, MalformedRequestsGetPlatformStatuses) {
     startRuntime(grants({kControl, kDump}));
-    const std::string out = run({"protocol"});
-    EXPECT_TRUE(contains(
-            out, "wrong token status=" + std::to_string(android::PERMISSION_DENIED) + " reply=0"))
-            << out;
-    EXPECT_TRUE(contains(out, "code 16 status=" + std::to_string(android::UNKNOWN_TRANSACTION)))
-            << out;
+    expectLines(run({"protocol"}),
+                {"wrong token status=" + std::to_string(android::PERMISSION_DENIED) + " reply=0",
+                 "code 16 status=" + std::to_string(android::UNKNOWN_TRANSACTION)});
 }
 
 TEST_F(ServiceProcessTest, DumpReportNeedsTheDumpPermission) {
@@ -197,17 +182,15 @@ TEST_F(ServiceProcessTest, DumpReportNeedsTheDumpPermission) {
     {
         ChildProcess tool({dumpsys, "morvel.tovarin.service"});
         ASSERT_EQ(0, tool.wait(kTimeoutMs));
-        const std::string report = tool.output();
-        EXPECT_TRUE(contains(report, "Tovarin Debug Diagnostics:\nframes=30")) << report;
-        EXPECT_TRUE(contains(report, "\n\nTovarin Overrides:\nfidelity=3")) << report;
-        EXPECT_FALSE(contains(report, "Error Diagnostics")) << report;
+        expectLines(tool.output(), {"Tovarin Debug Diagnostics:\nframes=30",
+                                    "\n\nTovarin Overrides:\nfidelity=3"});
+        EXPECT_FALSE(contains(tool.output(), "Error Diagnostics")) << tool.output();
     }
     mRuntime->setPolicy(grants({kControl}));
     ChildProcess tool({dumpsys, "morvel.tovarin.service"});
     tool.wait(kTimeoutMs);
-    EXPECT_TRUE(contains(tool.output(), "Permission Denial: can't dump Tovarin from pid=" +
-                                                std::to_string(tool.pid()) + ", uid=0\n"))
-            << tool.output();
+    expectLines(tool.output(), {"Permission Denial: can't dump Tovarin from pid=" +
+                                std::to_string(tool.pid()) + ", uid=0\n"});
     EXPECT_FALSE(contains(tool.output(), "Tovarin Debug Diagnostics")) << tool.output();
 }
 
@@ -228,12 +211,9 @@ TEST_F(ServiceProcessTest, TovarindServesTheSimulatedTracker) {
     ChildProcess daemon({tovarind});
     ASSERT_TRUE(daemon.waitForOutput("tovarind: serving morvel.tovarin.service", kTimeoutMs))
             << daemon.output();
-    const std::string out = run({"operations"});
-    for (const char* line :
-         {"handle=0/-1", "start=0", "sample=0 text=simulated",
-          "registerRawDataListener=-1 handle=-1", "token destroyed after release=1"}) {
-        EXPECT_TRUE(contains(out, line)) << line << "\n" << out;
-    }
+    expectLines(run({"operations"}),
+                {"handle=0/-1", "start=0", "sample=0 text=simulated",
+                 "registerRawDataListener=-1 handle=-1", "token destroyed after release=1"});
     EXPECT_TRUE(contains(run({"events", "4"}), "events 0101 ordered=1"));
 }
 

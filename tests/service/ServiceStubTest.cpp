@@ -47,6 +47,7 @@ using binder::ITovarinService;
 class ServiceStubTest : public ::testing::Test {
 protected:
     void SetUp() override {
+        clearStores();
         TovarinLogger::getInstance()->configure("*:I");
         mFacade = new RecordingFacade();
         mService = makeService(mFacade);
@@ -58,12 +59,18 @@ protected:
     void TearDown() override {
         TovarinLogger::getInstance()->reset();
         setTestPolicy(fullPolicy());
+        clearStores();
+    }
+    static void clearStores() {
+        TovarinDiagnostics::getInstance(TovarinDiagnostics::DEBUG)->clearAll();
+        TovarinDiagnostics::getInstance(TovarinDiagnostics::ERROR)->clearAll();
+        TovarinOverrides::getInstance()->clearAll();
     }
 
     status_t call(uint32_t code, const std::function<void(Parcel&)>& args, Parcel* reply,
                   const String16& token = ITovarinService::descriptor) {
         Parcel data;
-        startRequest(&data, token);
+        data.writeInterfaceToken(token);
         if (args) args(data);
         return mBinder->transact(code, data, reply);
     }
@@ -71,7 +78,9 @@ protected:
     std::vector<int32_t> callWords(uint32_t code, const std::function<void(Parcel&)>& args) {
         Parcel reply;
         EXPECT_EQ(OK, call(code, args, &reply)) << "code " << code;
-        return words(reply);
+        std::vector<int32_t> out(reply.dataSize() / sizeof(int32_t));
+        if (!out.empty()) memcpy(out.data(), reply.data(), out.size() * sizeof(int32_t));
+        return out;
     }
 
     RecordingFacade::Script mScript;
@@ -91,6 +100,18 @@ std::function<void(Parcel&)> writeBinder(sp<IBinder> binder, std::vector<int32_t
         p.writeStrongBinder(binder);
         for (int32_t v : values) p.writeInt32(v);
     };
+}
+
+// The captured lines are exactly `texts`, in order, each at `level` under `tag`.
+void expectLog(const TovarinLogCapture& capture, int level, const std::string& tag,
+               const std::vector<std::string>& texts) {
+    const std::vector<TovarinLogLine> lines = capture.lines();
+    ASSERT_EQ(texts.size(), lines.size());
+    for (size_t i = 0; i < lines.size(); ++i) {
+        EXPECT_EQ(level, lines[i].level) << i;
+        EXPECT_EQ(tag, lines[i].tag) << i;
+        EXPECT_EQ(texts[i], lines[i].text);
+    }
 }
 
 TEST_F(ServiceStubTest, EveryCodeRepliesInItsLayoutAndCallsTheFacade) {
@@ -172,10 +193,10 @@ TEST_F(ServiceStubTest, SampleRepliesStatusThenTheEventWhateverTheStatus) {
     binder::HeadTrackingEventParceler::unparcel(prepared, failed);
     EXPECT_GE(prepared.timestamp, before);
     EXPECT_LE(prepared.timestamp, after);
-    EXPECT_EQ(0.0f, prepared.component0);
-    EXPECT_EQ(0.0f, prepared.component1);
-    EXPECT_EQ(0.0f, prepared.component2);
-    EXPECT_EQ(0.0f, prepared.scalar);
+    for (float value : {prepared.component0, prepared.component1, prepared.component2,
+                         prepared.scalar}) {
+        EXPECT_EQ(0.0f, value);
+    }
     EXPECT_FALSE(prepared.flag0);
     EXPECT_FALSE(prepared.flag1);
     EXPECT_STREQ("", prepared.text);
@@ -215,13 +236,8 @@ TEST_F(ServiceStubTest, RawDataIsRefusedWithOneErrorLine) {
     TovarinLogCapture capture;
     EXPECT_EQ((std::vector<int32_t>{0, -1, -1}), callWords(1, writeBinder(new BBinder())));
     EXPECT_EQ((std::vector<int32_t>{0}), callWords(2, writeBinder(new BBinder(), {0})));
-    const auto lines = capture.lines();
-    ASSERT_EQ(2u, lines.size());
-    for (const TovarinLogLine& line : lines) {
-        EXPECT_EQ(6, line.level);
-        EXPECT_EQ("TovarinBnTovarinService", line.tag);
-        EXPECT_EQ("Raw data is available only on non-USER builds.", line.text);
-    }
+    const std::string refused = "Raw data is available only on non-USER builds.";
+    expectLog(capture, 6, "TovarinBnTovarinService", {refused, refused});
 
     capture.clear();
     TovarinLogger::getInstance()->configure("*:F");
@@ -303,13 +319,9 @@ TEST_F(ServiceStubTest, DeadClientsRegistrationsAreUndone) {
     EXPECT_EQ((std::vector<std::string>{"unregisterStateChangeListener 5",
                                         "releaseHeadTrackerHandle 2 -1"}),
               mFacade->calls());
-    const auto lines = capture.lines();
-    ASSERT_EQ(2u, lines.size());
-    EXPECT_EQ(6, lines[0].level);
-    EXPECT_EQ("TovarinBnTovarinService", lines[0].tag);
-    EXPECT_EQ(selfCallerString() + ": state change listener client died", lines[0].text);
-    EXPECT_EQ(6, lines[1].level);
-    EXPECT_EQ(selfCallerString() + ": head tracking polling client died", lines[1].text);
+    expectLog(capture, 6, "TovarinBnTovarinService",
+              {selfCallerString() + ": state change listener client died",
+               selfCallerString() + ": head tracking polling client died"});
     EXPECT_EQ(0u, mService->stateChangeListenerDeathMapper()->clientCount());
     EXPECT_EQ(0u, mService->headTrackingPollerDeathMapper()->clientCount());
 
@@ -328,41 +340,27 @@ TEST_F(ServiceStubTest, DeadClientsRegistrationsAreUndone) {
 TEST_F(ServiceStubTest, TrackerOperationsLogTheCallerAtInformationLevel) {
     HeadTrackingConfiguration configuration;
     configuration.debugString = "abc";
-    const std::function<void(Parcel&)> writeConfiguration = [&](Parcel& p) {
-        p.writeInt32(3);
-        binder::HeadTrackerHandleParceler::parcel(configuration, p);
+    const auto callAll = [&] {
+        for (uint32_t code : {11u, 12u, 13u}) callWords(code, writeInts({3}));
+        callWords(14, [&](Parcel& p) {
+            p.writeInt32(3);
+            binder::HeadTrackerHandleParceler::parcel(configuration, p);
+        });
     };
     {
         TovarinLogCapture capture;
-        callWords(11, writeInts({3}));
-        callWords(12, writeInts({3}));
-        callWords(13, writeInts({3}));
-        callWords(14, writeConfiguration);
-        const std::string caller = selfCallerString();
-        const std::vector<std::string> expected = {
-                caller + ": head tracker (3) - started",
-                caller + ": head tracker (3) - stopped",
-                caller + ": head tracker (3) - standby",
-                caller + ": head tracker (3) - setConfiguration to debugString=abc; fidelity=2; "
-                         "filter=1",
-        };
-        const auto lines = capture.lines();
-        ASSERT_EQ(expected.size(), lines.size());
-        for (size_t i = 0; i < lines.size(); ++i) {
-            EXPECT_EQ(4, lines[i].level);
-            EXPECT_EQ("TovarinBnTovarinService", lines[i].tag);
-            EXPECT_EQ(expected[i], lines[i].text);
-        }
+        callAll();
+        const std::string caller = selfCallerString() + ": head tracker (3) - ";
+        expectLog(capture, 4, "TovarinBnTovarinService",
+                  {caller + "started", caller + "stopped", caller + "standby",
+                   caller + "setConfiguration to debugString=abc; fidelity=2; filter=1"});
     }
     // Refused by the logger: no name lookup, no line, the facade is still called.
     TovarinLogger::getInstance()->configure("*:W");
     mFacade->clearCalls();
     TovarinLogCapture capture;
     const uint64_t lookups = Utils::processNameLookupCount();
-    callWords(11, writeInts({3}));
-    callWords(12, writeInts({3}));
-    callWords(13, writeInts({3}));
-    callWords(14, writeConfiguration);
+    callAll();
     EXPECT_EQ(lookups, Utils::processNameLookupCount());
     EXPECT_TRUE(capture.lines().empty());
     EXPECT_EQ(4u, mFacade->calls().size());
@@ -373,14 +371,10 @@ TEST_F(ServiceStubTest, EnabledStateNeedsTheControlPermission) {
     TovarinLogCapture capture;
     EXPECT_EQ((std::vector<int32_t>{0}), callWords(3, writeInts({0})));
     EXPECT_TRUE(mFacade->calls().empty());
-    const auto lines = capture.lines();
-    ASSERT_EQ(1u, lines.size());
-    EXPECT_EQ(6, lines[0].level);
-    EXPECT_EQ("TovarinPermission", lines[0].tag);
-    EXPECT_EQ("Permission Error: " + selfCallerString() +
-                      " must have permission \"com.morvel.permission.TOVARIN_CONTROL\" /> "
-                      "before calling setEnabled",
-              lines[0].text);
+    expectLog(capture, 6, "TovarinPermission",
+              {"Permission Error: " + selfCallerString() +
+               " must have permission \"com.morvel.permission.TOVARIN_CONTROL\" /> before "
+               "calling setEnabled"});
 }
 
 TEST_F(ServiceStubTest, PermissionCheckLogsOnlyNamedRefusals) {
@@ -435,22 +429,7 @@ private:
     int mFds[2];
 };
 
-class ServiceDumpTest : public ServiceStubTest {
-protected:
-    void SetUp() override {
-        ServiceStubTest::SetUp();
-        clearStores();
-    }
-    void TearDown() override {
-        clearStores();
-        ServiceStubTest::TearDown();
-    }
-    static void clearStores() {
-        TovarinDiagnostics::getInstance(TovarinDiagnostics::DEBUG)->clearAll();
-        TovarinDiagnostics::getInstance(TovarinDiagnostics::ERROR)->clearAll();
-        TovarinOverrides::getInstance()->clearAll();
-    }
-};
+using ServiceDumpTest = ServiceStubTest;
 
 TEST_F(ServiceDumpTest, ReportHasOneSectionPerNonEmptyStore) {
     const std::string debugHeading = "Tovarin Debug Diagnostics:\n";

@@ -4,14 +4,12 @@
 #include <hostbinder_test/Runtime.h>
 #include <tovarin/Utils.h>
 
-#include <string.h>
 #include <unistd.h>
 
 namespace morvel {
 namespace tovarin {
 namespace testing {
 
-using android::Parcel;
 using android::sp;
 
 namespace {
@@ -40,16 +38,6 @@ void setTestPolicy(const std::string& policy) {
 const std::string& fullPolicy() {
     static const std::string policy = policyGranting({kControl, kDump});
     return policy;
-}
-
-std::vector<int32_t> words(const Parcel& parcel) {
-    std::vector<int32_t> out(parcel.dataSize() / sizeof(int32_t));
-    if (!out.empty()) memcpy(out.data(), parcel.data(), out.size() * sizeof(int32_t));
-    return out;
-}
-
-void startRequest(Parcel* parcel, const android::String16& token) {
-    parcel->writeInterfaceToken(token);
 }
 
 sp<binder::BnTovarinService> makeService(const sp<TovarinFacade>& facade) {

@@ -6,21 +6,12 @@
 #include "ITovarinService.h"
 #include "RecordingFacade.h"
 
-#include <binder/Parcel.h>
-
 #include <string>
 #include <vector>
 
 namespace morvel {
 namespace tovarin {
 namespace testing {
-
-// The reply's data read as 32-bit words.
-std::vector<int32_t> words(const android::Parcel& parcel);
-
-// Starts a request with an interface token (the service's by default).
-void startRequest(android::Parcel* parcel,
-                  const android::String16& token = binder::ITovarinService::descriptor);
 
 // A service object over `facade`. The object and its death trackers hold each other and are
 // never freed; it is kept reachable here for the rest of the process.
