@@ -59,6 +59,14 @@ bool fdIsOpen(int fd) {
     return fcntl(fd, F_GETFD) != -1;
 }
 
+// A flat object: type word 0x85 0x2a `t0` `t1`, flags word, then two 8-byte words.
+Bytes flat(uint8_t t0, uint8_t t1, uint8_t flags, uint64_t first, uint64_t second) {
+    Bytes b = {0x85, 0x2a, t0, t1, flags, 0x01, 0x00, 0x00};
+    appendLe(&b, first, 8);
+    appendLe(&b, second, 8);
+    return b;
+}
+
 // -----------------------------------------------------------------------------------------
 // The bytes of every write form. A change of layout names the form that moved.
 
@@ -67,14 +75,6 @@ TEST(ParcelGoldenBytes, EveryWriteForm) {
     const sp<IBinder> remote7 = ProcessState::self()->getStrongProxyForHandle(7);
     const sp<IBinder> remote0 = ProcessState::self()->getStrongProxyForHandle(0);
     Pipe pipe;
-
-    Bytes localBytes = {0x85, 0x2a, 0x62, 0x73, 0x13, 0x01, 0x00, 0x00};
-    appendLe(&localBytes, reinterpret_cast<uintptr_t>(local->getWeakRefs()), 8);
-    appendLe(&localBytes, reinterpret_cast<uintptr_t>(local.get()), 8);
-
-    Bytes fdBytes = {0x85, 0x2a, 0x64, 0x66, 0x7f, 0x01, 0x00, 0x00};
-    appendLe(&fdBytes, static_cast<uint32_t>(pipe.fds[0]), 8);
-    appendLe(&fdBytes, 0, 8);
 
     Bytes tokenBytes = {0x00, 0x00, 0x00, 0x80, 0xff, 0xff, 0xff, 0xff, 22, 0, 0, 0};
     for (char c : std::string("morvel.tovarin.service")) {
@@ -140,23 +140,19 @@ TEST(ParcelGoldenBytes, EveryWriteForm) {
             {"write (padded)", [&](Parcel& p) { return p.write(raw, 3); }, {1, 2, 3, 0}, 0},
             {"writeUnpadded", [&](Parcel& p) { return p.writeUnpadded(raw, 3); }, {1, 2, 3}, 0},
             {"strong binder null", [](Parcel& p) { return p.writeStrongBinder(nullptr); },
-             {0x85, 0x2a, 0x62, 0x73, 0x13, 0x01, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-              0, 0, 0, 0, 0, 0, 0, 0},
-             0},
+             flat('b', 's', 0x13, 0, 0), 0},
             {"strong binder local", [&](Parcel& p) { return p.writeStrongBinder(local); },
-             localBytes, 1},
+             flat('b', 's', 0x13, reinterpret_cast<uintptr_t>(local->getWeakRefs()),
+                  reinterpret_cast<uintptr_t>(local.get())),
+             1},
             {"strong binder remote (handle 7)",
-             [&](Parcel& p) { return p.writeStrongBinder(remote7); },
-             {0x85, 0x2a, 0x68, 0x73, 0x13, 0x01, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0,
-              0, 0, 0, 0, 0, 0, 0, 0},
+             [&](Parcel& p) { return p.writeStrongBinder(remote7); }, flat('h', 's', 0x13, 7, 0),
              1},
             {"strong binder remote (handle 0, still an object)",
-             [&](Parcel& p) { return p.writeStrongBinder(remote0); },
-             {0x85, 0x2a, 0x68, 0x73, 0x13, 0x01, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-              0, 0, 0, 0, 0, 0, 0, 0},
+             [&](Parcel& p) { return p.writeStrongBinder(remote0); }, flat('h', 's', 0x13, 0, 0),
              1},
             {"file descriptor", [&](Parcel& p) { return p.writeFileDescriptor(pipe.fds[0]); },
-             fdBytes, 1},
+             flat('d', 'f', 0x7f, static_cast<uint32_t>(pipe.fds[0]), 0), 1},
     };
 
     for (const Case& c : cases) {
