@@ -60,17 +60,25 @@ public:
     std::vector<int32_t> locationValues;
 };
 
-TEST(ListenerInterfaceTest, NamesAndDefaultHandling) {
+TEST(ListenerInterfaceTest, NamesDefaultHandlingAndTokenCheck) {
+    sp<RawListener> raw = new RawListener();
+    sp<StateListener> state = new StateListener();
     struct Case {
         const char* name;
         sp<IBinder> binder;
         const char* descriptor;
+        String16 codeOneToken;  // code 1 sent with this token
+        android::status_t codeOneStatus;
     } cases[] = {
-            {"raw data", new BnRawDataListener(new RawListener()),
-             "morvel.tovarin.raw_data_listener"},
-            {"state change", new BnStateChangeListener(new StateListener()),
-             "morvel.tovarin.state_change_listener"},
-            {"poller", new BnHeadTrackingPoller(), "morvel.tovarin.head_tracker"},
+            // An event with another interface's token is refused.
+            {"raw data", new BnRawDataListener(raw), "morvel.tovarin.raw_data_listener",
+             IStateChangeListener::descriptor, PERMISSION_DENIED},
+            {"state change", new BnStateChangeListener(state),
+             "morvel.tovarin.state_change_listener", IRawDataListener::descriptor,
+             PERMISSION_DENIED},
+            // The token has no transaction at all, not even code 1.
+            {"poller", new BnHeadTrackingPoller(), "morvel.tovarin.head_tracker",
+             IHeadTrackingPoller::descriptor, UNKNOWN_TRANSACTION},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -85,29 +93,11 @@ TEST(ListenerInterfaceTest, NamesAndDefaultHandling) {
             Parcel none;
             EXPECT_EQ(UNKNOWN_TRANSACTION, c.binder->transact(code, request, &none));
         }
+        Parcel event;
+        event.writeInterfaceToken(c.codeOneToken);
+        event.writeInt64(1);
+        EXPECT_EQ(c.codeOneStatus, c.binder->transact(1, event, &reply, IBinder::FLAG_ONEWAY));
     }
-    // The token has no transaction at all, not even code 1.
-    sp<IBinder> token = new BnHeadTrackingPoller();
-    Parcel request;
-    request.writeInterfaceToken(IHeadTrackingPoller::descriptor);
-    Parcel reply;
-    EXPECT_EQ(UNKNOWN_TRANSACTION, token->transact(1, request, &reply));
-}
-
-TEST(ListenerInterfaceTest, EventWithAnotherInterfaceTokenIsRefused) {
-    sp<RawListener> raw = new RawListener();
-    sp<StateListener> state = new StateListener();
-    sp<IBinder> rawBinder = new BnRawDataListener(raw);
-    sp<IBinder> stateBinder = new BnStateChangeListener(state);
-    Parcel toRaw;
-    toRaw.writeInterfaceToken(IStateChangeListener::descriptor);
-    toRaw.writeInt64(1);
-    Parcel toState;
-    toState.writeInterfaceToken(IRawDataListener::descriptor);
-    toState.writeInt64(1);
-    Parcel reply;
-    EXPECT_EQ(PERMISSION_DENIED, rawBinder->transact(1, toRaw, &reply, IBinder::FLAG_ONEWAY));
-    EXPECT_EQ(PERMISSION_DENIED, stateBinder->transact(1, toState, &reply, IBinder::FLAG_ONEWAY));
     EXPECT_TRUE(raw->timestamps.empty());
     EXPECT_TRUE(state->events.empty());
 }
