@@ -27,16 +27,7 @@
 #include <string>
 #include <vector>
 
-using android::BBinder;
-using android::IBinder;
-using android::IInterface;
-using android::IMemory;
-using android::MemoryDealer;
-using android::OK;
-using android::Parcel;
-using android::ProcessState;
-using android::sp;
-using android::String16;
+using namespace android;
 
 namespace morvel::tovarin::binder {
 namespace {

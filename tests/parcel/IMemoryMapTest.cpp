@@ -21,11 +21,7 @@
 #include <thread>
 #include <vector>
 
-using android::IMemory;
-using android::IMemoryHeap;
-using android::OK;
-using android::Parcel;
-using android::sp;
+using namespace android;
 
 namespace morvel::tovarin::binder {
 namespace {

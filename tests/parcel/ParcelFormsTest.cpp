@@ -24,14 +24,7 @@
 #include <string>
 #include <vector>
 
-using android::BBinder;
-using android::IBinder;
-using android::IInterface;
-using android::IMemory;
-using android::MemoryDealer;
-using android::OK;
-using android::Parcel;
-using android::sp;
+using namespace android;
 
 namespace morvel::tovarin::binder {
 namespace {
