@@ -4,6 +4,11 @@ include(CMakePackageConfigHelpers)
 
 set(TOVARIN_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/TovarinBinder)
 
+# Exported names: HostBinder::binder, Tovarin::common, Tovarin::binder.
+set_target_properties(hostbinder PROPERTIES EXPORT_NAME binder)
+set_target_properties(tovarin_common PROPERTIES EXPORT_NAME common)
+set_target_properties(tovarin_binder PROPERTIES EXPORT_NAME binder)
+
 install(TARGETS hostbinder EXPORT HostBinderTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS tovarin_common tovarin_binder EXPORT TovarinTargets
