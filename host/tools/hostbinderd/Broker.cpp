@@ -1322,6 +1322,10 @@ int32_t Broker::servePermission(Txn* x, BrokerParcelWriter* reply) {
 // ---------------------------------------------------------------------------------------------
 
 int runBroker(const BrokerOptions& options) {
+    // SIGTERM and SIGINT stop the loop through a signalfd, even when the parent started this
+    // process with them ignored (as shells do for background jobs).
+    signal(SIGTERM, SIG_DFL);
+    signal(SIGINT, SIG_DFL);
     sigset_t mask;
     sigemptyset(&mask);
     sigaddset(&mask, SIGTERM);
