@@ -21,7 +21,8 @@ fuzz_smoke() {
         -DTOVARIN_BUILD_FUZZ=ON -DTOVARIN_SANITIZE=ON -DTOVARIN_BUILD_TESTS=OFF \
         -DTOVARIN_BUILD_BENCH=OFF >/dev/null
     local fuzzers=(parcel/parcel_read_fuzzer parcel_forms/parcel_forms_fuzzer
-                   debug/debug_stub_fuzzer service/tovarin_service_fuzzer)
+                   debug/debug_stub_fuzzer service/tovarin_service_fuzzer
+                   hostbinder_wire/hostbinder_wire_fuzzer)
     cmake --build "$dir" -j "$jobs" --target "${fuzzers[@]##*/}"
     for f in "${fuzzers[@]}"; do
         local corpus log rc=0
