@@ -72,9 +72,9 @@ public:
 
 private:
     android::sp<RawDataListener> mListener;
-    // The reader of incoming events; its only state is the camera frame reader that owns the
-    // receive buffer of frame pixels.
-    RawDataEventParceler mParceler;
+    // Owns the receive buffer of frame pixels, reused from event to event while the frame size
+    // stays the same; incoming events are read through it.
+    CameraFrameEventParceler mParceler;
 };
 
 }  // namespace binder

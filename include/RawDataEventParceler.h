@@ -24,6 +24,10 @@ public:
     // Statuses of the nested forms are not looked at; both always return OK.
     android::status_t parcel(const RawDataEvent& event, android::Parcel& parcel);
     android::status_t unparcel(RawDataEvent& event, const android::Parcel& parcel);
+    // The same form, read with a camera frame reader lent by the caller: the frame pixels land
+    // in that reader's buffer (a listener stub keeps one reader for all its events).
+    static android::status_t unparcel(RawDataEvent& event, const android::Parcel& parcel,
+                                      CameraFrameEventParceler& frameReader);
 
     // flag0, flag1, value, orientation[4], hasVector8, vector8[8], hasVector27, vector27[27];
     // the arrays are carried whole whatever their flags say. localIndex is neither written nor

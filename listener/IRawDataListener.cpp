@@ -95,7 +95,7 @@ status_t BnRawDataListener::onTransact(uint32_t code, const Parcel& data, Parcel
     }
     // Frame pixels land in the buffer owned by mParceler; they are valid during onEvent only.
     RawDataEvent event;
-    const status_t status = mParceler.unparcel(event, data);
+    const status_t status = RawDataEventParceler::unparcel(event, data, mParceler);
     onEvent(event);
     if (reply != nullptr) {
         reply->writeNoException();

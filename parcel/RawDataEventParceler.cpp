@@ -18,13 +18,33 @@ status_t RawDataEventParceler::parcel(const RawDataEvent& event, Parcel& parcel)
     return OK;
 }
 
+namespace {
+
+void readHeadLocation(HeadLocation& location, const Parcel& parcel) {
+    location.flag0 = parcel.readInt32() != 0;
+    location.flag1 = parcel.readInt32() != 0;
+    location.value = parcel.readInt32();
+    for (float& v : location.orientation) v = parcel.readFloat();
+    location.hasVector8 = parcel.readInt32() != 0;
+    for (float& v : location.vector8) v = parcel.readFloat();
+    location.hasVector27 = parcel.readInt32() != 0;
+    for (float& v : location.vector27) v = parcel.readFloat();
+}
+
+}  // namespace
+
 status_t RawDataEventParceler::unparcel(RawDataEvent& event, const Parcel& parcel) {
+    return unparcel(event, parcel, mCameraFrameEventParceler);
+}
+
+status_t RawDataEventParceler::unparcel(RawDataEvent& event, const Parcel& parcel,
+                                        CameraFrameEventParceler& frameReader) {
     event.timestamp = parcel.readInt64();
-    mCameraFrameEventParceler.unparcel(event.cameraFrameEvent, parcel);
+    frameReader.unparcel(event.cameraFrameEvent, parcel);
     HeadTrackingEventParceler::unparcel(event.headTrackingEvent0, parcel);
     HeadTrackingEventParceler::unparcel(event.headTrackingEvent1, parcel);
-    unparcelHeadLocation(event.headLocation0, parcel);
-    unparcelHeadLocation(event.headLocation1, parcel);
+    readHeadLocation(event.headLocation0, parcel);
+    readHeadLocation(event.headLocation1, parcel);
     return OK;
 }
 
@@ -41,14 +61,7 @@ status_t RawDataEventParceler::parcelHeadLocation(const HeadLocation& location, 
 }
 
 status_t RawDataEventParceler::unparcelHeadLocation(HeadLocation& location, const Parcel& parcel) {
-    location.flag0 = parcel.readInt32() != 0;
-    location.flag1 = parcel.readInt32() != 0;
-    location.value = parcel.readInt32();
-    for (float& v : location.orientation) v = parcel.readFloat();
-    location.hasVector8 = parcel.readInt32() != 0;
-    for (float& v : location.vector8) v = parcel.readFloat();
-    location.hasVector27 = parcel.readInt32() != 0;
-    for (float& v : location.vector27) v = parcel.readFloat();
+    readHeadLocation(location, parcel);
     return OK;
 }
 
