@@ -149,17 +149,10 @@ status_t ProcessState::sendProcessFrame(uint16_t type, const void* payload, size
 }
 
 sp<IBinder> ProcessState::getStrongProxyForHandle(int32_t handle) {
-    sp<IBinder> result;
     Mutex::Autolock _l(mLock);
-    ssize_t i = mHandleToObject.indexOfKey(handle);
-    if (i >= 0) {
-        handle_entry& e = mHandleToObject.editValueAt(i);
-        if (e.binder != nullptr && e.refs->attemptIncStrong(this)) {
-            result = e.binder;
-            e.binder->decStrong(this);
-            return result;
-        }
-    }
+    sp<IBinder> result = existingProxyForHandleLocked(handle);
+    if (result != nullptr) return result;
+    const ssize_t i = mHandleToObject.indexOfKey(handle);
     BpBinder* b = BpBinder::create(handle);
     handle_entry fresh{b, b->getWeakRefs(), 0};
     fresh.refs->incWeak(this);
@@ -181,8 +174,12 @@ wp<IBinder> ProcessState::getWeakProxyForHandle(int32_t handle) {
 }
 
 sp<IBinder> ProcessState::existingProxyForHandle(int32_t handle) {
-    sp<IBinder> result;
     Mutex::Autolock _l(mLock);
+    return existingProxyForHandleLocked(handle);
+}
+
+sp<IBinder> ProcessState::existingProxyForHandleLocked(int32_t handle) {
+    sp<IBinder> result;
     ssize_t i = mHandleToObject.indexOfKey(handle);
     if (i >= 0) {
         handle_entry& e = mHandleToObject.editValueAt(i);

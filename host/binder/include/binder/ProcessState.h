@@ -91,6 +91,8 @@ public:
     status_t sendProcessFrame(uint16_t type, const void* payload, size_t size);
 
 private:
+    // The live proxy for `handle`, or null; mLock held.
+    sp<IBinder> existingProxyForHandleLocked(int32_t handle);
     friend class IPCThreadState;
 
     explicit ProcessState(const char* driver);
