@@ -132,7 +132,15 @@ public:
     virtual android::status_t setPid(const HeadTrackerHandle& handle, int pid);
 
 private:
-    android::status_t transactHandle(uint32_t code, const HeadTrackerHandle& handle) const;
+    // Sends the token, the handle and, when given, the configuration, and skips the reply's
+    // exception header. Returns the first failing write or transaction status, else OK.
+    android::status_t sendHandleRequest(uint32_t code, const HeadTrackerHandle& handle,
+                                        const HeadTrackingConfiguration* configuration,
+                                        android::Parcel* reply) const;
+    // A handle request whose reply is one int32 status.
+    android::status_t transactHandle(
+            uint32_t code, const HeadTrackerHandle& handle,
+            const HeadTrackingConfiguration* configuration = nullptr) const;
 
     std::map<int32_t, android::sp<BnRawDataListener>> mRawDataListeners;
     std::map<int32_t, android::sp<BnStateChangeListener>> mStateChangeListeners;

@@ -186,21 +186,15 @@ HeadTrackerHandle BpTovarinService::getHeadTrackerHandle() {
 }
 
 void BpTovarinService::releaseHeadTrackerHandle(const HeadTrackerHandle& handle) {
-    Parcel data;
     Parcel reply;
-    if (data.writeInterfaceToken(descriptor) != OK ||
-        HeadTrackerHandleParceler::parcel(handle, data) != OK) {
-        return;
-    }
-    if (remote()->transact(RELEASE_HEAD_TRACKER_HANDLE, data, &reply, 0) != OK) {
-        return;
-    }
-    reply.readExceptionCode();
+    // The reply carries nothing after the exception header; failures are not reported.
+    (void)sendHandleRequest(RELEASE_HEAD_TRACKER_HANDLE, handle, nullptr, &reply);
 }
 
-status_t BpTovarinService::transactHandle(uint32_t code, const HeadTrackerHandle& handle) const {
+status_t BpTovarinService::sendHandleRequest(uint32_t code, const HeadTrackerHandle& handle,
+                                             const HeadTrackingConfiguration* configuration,
+                                             Parcel* reply) const {
     Parcel data;
-    Parcel reply;
     status_t status = data.writeInterfaceToken(descriptor);
     if (status != OK) {
         return status;
@@ -209,12 +203,25 @@ status_t BpTovarinService::transactHandle(uint32_t code, const HeadTrackerHandle
     if (status != OK) {
         return status;
     }
-    status = remote()->transact(code, data, &reply, 0);
+    if (configuration != nullptr) {
+        status = HeadTrackerHandleParceler::parcel(*configuration, data);
+        if (status != OK) {
+            return status;
+        }
+    }
+    status = remote()->transact(code, data, reply, 0);
     if (status != OK) {
         return status;
     }
-    reply.readExceptionCode();
-    return reply.readInt32();
+    reply->readExceptionCode();
+    return OK;
+}
+
+status_t BpTovarinService::transactHandle(uint32_t code, const HeadTrackerHandle& handle,
+                                          const HeadTrackingConfiguration* configuration) const {
+    Parcel reply;
+    const status_t status = sendHandleRequest(code, handle, configuration, &reply);
+    return status != OK ? status : reply.readInt32();
 }
 
 status_t BpTovarinService::start(const HeadTrackerHandle& handle) {
@@ -231,44 +238,15 @@ status_t BpTovarinService::standby(const HeadTrackerHandle& handle) {
 
 status_t BpTovarinService::setConfiguration(const HeadTrackerHandle& handle,
                                             const HeadTrackingConfiguration& configuration) {
-    Parcel data;
-    Parcel reply;
-    status_t status = data.writeInterfaceToken(descriptor);
-    if (status != OK) {
-        return status;
-    }
-    status = HeadTrackerHandleParceler::parcel(handle, data);
-    if (status != OK) {
-        return status;
-    }
-    status = HeadTrackerHandleParceler::parcel(configuration, data);
-    if (status != OK) {
-        return status;
-    }
-    status = remote()->transact(SET_CONFIGURATION, data, &reply, 0);
-    if (status != OK) {
-        return status;
-    }
-    reply.readExceptionCode();
-    return reply.readInt32();
+    return transactHandle(SET_CONFIGURATION, handle, &configuration);
 }
 
 status_t BpTovarinService::sample(const HeadTrackerHandle& handle, HeadTrackingEvent& event) const {
-    Parcel data;
     Parcel reply;
-    status_t status = data.writeInterfaceToken(descriptor);
+    const status_t status = sendHandleRequest(SAMPLE, handle, nullptr, &reply);
     if (status != OK) {
         return status;
     }
-    status = HeadTrackerHandleParceler::parcel(handle, data);
-    if (status != OK) {
-        return status;
-    }
-    status = remote()->transact(SAMPLE, data, &reply, 0);
-    if (status != OK) {
-        return status;
-    }
-    reply.readExceptionCode();
     const status_t result = reply.readInt32();
     if (result == OK) {
         HeadTrackingEventParceler::unparcel(event, reply);
