@@ -242,6 +242,10 @@ public:
     }
 
 private:
+    // True when tracker `id` was handed to a process other than the caller and not released
+    // since; logs the refusal, naming the caller. Called on the binder thread serving the call.
+    bool trackerHeldByAnotherProcess(int32_t id) const;
+
     android::sp<TovarinFacade> mFacade;
     android::sp<ClientDeathMapper> mHeadTrackingPollerDeathMapper;
     android::sp<ClientDeathMapper> mStateChangeListenerDeathMapper;

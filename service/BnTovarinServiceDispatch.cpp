@@ -4,6 +4,10 @@
  * Every accepted transaction (codes 1 to 15 with the right interface token) gets a reply that
  * starts with the no-exception header, written before any permission check or work.
  * Operation failures travel inside the reply; the transaction status is that of the writes.
+ *
+ * A head tracker handed out by GET_HEAD_TRACKER_HANDLE belongs to the calling process until it
+ * releases it or dies: the poller death tracker's record for the tracker names its holder.
+ * Codes 10-15 from any other process naming that tracker never reach the facade.
  */
 #include "ITovarinService.h"
 
@@ -25,6 +29,7 @@ namespace binder {
 using android::BAD_VALUE;
 using android::BBinder;
 using android::IBinder;
+using android::INVALID_OPERATION;
 using android::IPCThreadState;
 using android::OK;
 using android::Parcel;
@@ -47,6 +52,23 @@ void logRawDataRefusal() {
 }
 
 }  // namespace
+
+bool BnTovarinService::trackerHeldByAnotherProcess(int32_t id) const {
+    if (id < 0) {
+        return false;  // not a tracker: the facade answers as usual
+    }
+    ClientDeathData holder;
+    if (!mHeadTrackingPollerDeathMapper->findClient(id, &holder) ||
+        holder.pid == IPCThreadState::self()->getCallingPid()) {
+        return false;
+    }
+    if (TovarinLogger::getInstance()->shouldLog(kTag, ANDROID_LOG_WARN)) {
+        rendel_log_write2(ANDROID_LOG_WARN, &sLogState, 2, kTag,
+                          "%s: head tracker (%d) is not held by this process",
+                          getCallingPidString().string(), id);
+    }
+    return true;
+}
 
 status_t BnTovarinService::onTransact(uint32_t code, const Parcel& data, Parcel* reply,
                                       uint32_t flags) {
@@ -128,18 +150,28 @@ status_t BnTovarinService::onTransact(uint32_t code, const Parcel& data, Parcel*
         }
         case RELEASE_HEAD_TRACKER_HANDLE: {
             const HeadTrackerHandle handle = HeadTrackerHandleParceler::unparcel(data);
+            if (trackerHeldByAnotherProcess(handle.id)) {
+                return header;
+            }
             releaseHeadTrackerHandle(handle);
             mHeadTrackingPollerDeathMapper->removeClient(handle.id);
             return header;
         }
+    }
+
+    // Codes 11-15: the tracker named first in the request.
+    const HeadTrackerHandle handle = HeadTrackerHandleParceler::unparcel(data);
+    if (trackerHeldByAnotherProcess(handle.id)) {
+        return reply->writeInt32(INVALID_OPERATION);
+    }
+    switch (code) {
         case START:
-            return reply->writeInt32(start(HeadTrackerHandleParceler::unparcel(data)));
+            return reply->writeInt32(start(handle));
         case STOP:
-            return reply->writeInt32(stop(HeadTrackerHandleParceler::unparcel(data)));
+            return reply->writeInt32(stop(handle));
         case STANDBY:
-            return reply->writeInt32(standby(HeadTrackerHandleParceler::unparcel(data)));
+            return reply->writeInt32(standby(handle));
         case SET_CONFIGURATION: {
-            const HeadTrackerHandle handle = HeadTrackerHandleParceler::unparcel(data);
             HeadTrackingConfiguration configuration;
             HeadTrackerHandleParceler::unparcel(configuration, data);
             return reply->writeInt32(setConfiguration(handle, configuration));
@@ -154,7 +186,6 @@ status_t BnTovarinService::onTransact(uint32_t code, const Parcel& data, Parcel*
             event.flag0 = false;
             event.flag1 = false;
             event.text[0] = '\0';
-            const HeadTrackerHandle handle = HeadTrackerHandleParceler::unparcel(data);
             reply->writeInt32(sample(handle, event));
             return HeadTrackingEventParceler::parcel(event, *reply);
         }

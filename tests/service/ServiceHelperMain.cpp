@@ -2,17 +2,26 @@
  * The processes of the multi-process service tests, one mode per role:
  *
  *   server            publishes the tracking service over a recording, pass-through facade,
- *                     and a probe ("morvel.tovarin.test.probe") reporting what happened inside
+ *                     the debug service, a state change listener, a raw data listener and a
+ *                     poller token, and a probe ("morvel.tovarin.test.probe") reporting what
+ *                     happened inside
  *   probe             prints what the server's probe reports, then exits
  *   hold              registers a state change listener, takes a head tracker, then waits
+ *   intrude ID...     calls start, stop, standby, setConfiguration, sample and release on each
+ *                     tracker ID without having been handed it, prints the statuses
  *   operations        calls every operation and prints the results
  *   events N          registers a listener, toggles the enabled state N times, prints events
  *   setenabled V      sets the enabled state, prints the state afterwards
  *   protocol          sends malformed requests (wrong token, unknown code), prints statuses
  *   hostile SEED N    sends N random requests to every code, then checks the service answers
+ *   oneway TARGET     sends one-way calls with every code to one of the server's stubs
+ *                     (service, debug, state-listener, raw-listener, poller), then checks that
+ *                     the server handled them all and still answers
  */
 #include "IHeadTrackingPoller.h"
+#include "IRawDataListener.h"
 #include "IStateChangeListener.h"
+#include "ITovarinDebug.h"
 #include "ITovarinService.h"
 #include "RecordingFacade.h"
 
@@ -60,14 +69,30 @@ using morvel::tovarin::TovarinLogCapture;
 using morvel::tovarin::TovarinLogLine;
 using morvel::tovarin::TovarinOverrides;
 using morvel::tovarin::binder::BnHeadTrackingPoller;
+using morvel::tovarin::binder::BnRawDataListener;
 using morvel::tovarin::binder::BnStateChangeListener;
+using morvel::tovarin::binder::BnTovarinDebug;
 using morvel::tovarin::binder::BnTovarinService;
+using morvel::tovarin::binder::ITovarinDebug;
 using morvel::tovarin::binder::ITovarinService;
 using morvel::tovarin::testing::RecordingFacade;
 
 namespace {
 
 constexpr char kProbeName[] = "morvel.tovarin.test.probe";
+
+// The server's stubs that one-way callers aim at, by target name.
+struct OneWayTarget {
+    const char* target;
+    const char* serviceName;
+};
+constexpr OneWayTarget kOneWayTargets[] = {
+        {"service", ITovarinService::SERVICE_NAME},
+        {"debug", ITovarinDebug::SERVICE_NAME},
+        {"state-listener", "morvel.tovarin.test.state_listener"},
+        {"raw-listener", "morvel.tovarin.test.raw_listener"},
+        {"poller", "morvel.tovarin.test.poller"},
+};
 
 void say(const std::string& line) {
     static std::mutex lock;
@@ -79,14 +104,45 @@ void say(const std::string& line) {
 // ---------------------------------------------------------------------------------------------
 // server
 
+constexpr uint32_t kOneWayHandledCode = IBinder::FIRST_CALL_TRANSACTION + 1;
+
+// One-way calls that a stub of the server has finished handling.
+std::atomic<int32_t> gOneWayHandled{0};
+
+// A product stub that counts the one-way calls it returned from.
+template <typename Stub>
+class OneWayCounting : public Stub {
+public:
+    using Stub::Stub;
+
+protected:
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
+        const status_t status = Stub::onTransact(code, data, reply, flags);
+        if ((flags & IBinder::FLAG_ONEWAY) != 0) ++gOneWayHandled;
+        return status;
+    }
+};
+
+class IgnoringStateListener : public StateChangeListener {
+public:
+    void onEvent(const StateChangeEvent&) override {}
+};
+
+class IgnoringRawListener : public morvel::tovarin::RawDataListener {
+public:
+    void onEvent(const morvel::tovarin::RawDataEvent&) override {}
+};
+
 class Probe : public BBinder {
 public:
     Probe(const sp<RecordingFacade>& facade, const sp<BnTovarinService>& service)
         : mFacade(facade), mService(service) {}
 
 protected:
-    // The facade's calls, the two death record counts, then the captured log lines.
+    // FIRST_CALL_TRANSACTION: the facade's calls, the two death record counts, then the captured
+    // log lines. kOneWayHandledCode: the number of one-way calls the stubs returned from.
     status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
+        if (code == kOneWayHandledCode) return reply->writeInt32(gOneWayHandled.load());
         if (code != FIRST_CALL_TRANSACTION) return BBinder::onTransact(code, data, reply, flags);
         const std::vector<std::string> calls = mFacade->calls();
         reply->writeInt32(static_cast<int32_t>(calls.size()));
@@ -117,11 +173,24 @@ int runServer() {
     TovarinOverrides::getInstance()->set("fidelity", "3");
 
     sp<RecordingFacade> facade = new RecordingFacade(/*passThrough=*/true);
-    sp<BnTovarinService> service = new BnTovarinService(facade);
+    sp<BnTovarinService> service = new OneWayCounting<BnTovarinService>(facade);
     sp<Probe> probe = new Probe(facade, service);
-    if (defaultServiceManager()->addService(String16(ITovarinService::SERVICE_NAME), service) !=
-                OK ||
-        defaultServiceManager()->addService(String16(kProbeName), probe) != OK) {
+    // Every stub of the product, served by this process; a client serves the last three.
+    const sp<IBinder> stubs[] = {
+            service,
+            new OneWayCounting<BnTovarinDebug>(),
+            new OneWayCounting<BnStateChangeListener>(new IgnoringStateListener()),
+            new OneWayCounting<BnRawDataListener>(new IgnoringRawListener()),
+            new OneWayCounting<BnHeadTrackingPoller>(),
+    };
+    for (size_t i = 0; i < std::size(stubs); ++i) {
+        if (defaultServiceManager()->addService(String16(kOneWayTargets[i].serviceName),
+                                                stubs[i]) != OK) {
+            say("server cannot register");
+            return 1;
+        }
+    }
+    if (defaultServiceManager()->addService(String16(kProbeName), probe) != OK) {
         say("server cannot register");
         return 1;
     }
@@ -200,11 +269,6 @@ int runHold() {
     for (;;) pause();
 }
 
-class IgnoringRawListener : public morvel::tovarin::RawDataListener {
-public:
-    void onEvent(const morvel::tovarin::RawDataEvent&) override {}
-};
-
 std::atomic<int> gDestroyedTokens{0};
 
 class CountedToken : public BnHeadTrackingPoller {
@@ -282,6 +346,26 @@ int runEvents(int toggles) {
     return 0;
 }
 
+int runIntrude(const std::vector<int>& ids) {
+    sp<ITovarinService> service = connect();
+    for (int id : ids) {
+        HeadTrackerHandle handle;
+        handle.id = id;
+        handle.secondaryId = -1;
+        HeadTrackingEvent event;
+        const status_t start = service->start(handle);
+        const status_t stop = service->stop(handle);
+        const status_t standby = service->standby(handle);
+        const status_t configure = service->setConfiguration(handle, HeadTrackingConfiguration());
+        const status_t sampled = service->sample(handle, event);
+        service->releaseHeadTrackerHandle(handle);
+        say("intruded " + std::to_string(id) + ": " + std::to_string(start) + " " +
+            std::to_string(stop) + " " + std::to_string(standby) + " " +
+            std::to_string(configure) + " " + std::to_string(sampled));
+    }
+    return 0;
+}
+
 int runSetEnabled(int value) {
     sp<ITovarinService> service = connect();
     service->setEnabledState(value);
@@ -354,6 +438,60 @@ int runHostile(unsigned seed, int count) {
     return 0;
 }
 
+// One-way calls with every code of the product's interfaces and of the platform, each with the
+// target's interface token and a few arguments. Then: did the server handle them all, and does
+// it still answer the target's interface query?
+int runOneWay(const std::string& target) {
+    const char* name = nullptr;
+    for (const OneWayTarget& t : kOneWayTargets) {
+        if (target == t.target) name = t.serviceName;
+    }
+    sp<IBinder> stub = name != nullptr ? defaultServiceManager()->checkService(String16(name))
+                                       : nullptr;
+    sp<IBinder> probe = defaultServiceManager()->checkService(String16(kProbeName));
+    if (stub == nullptr || probe == nullptr) {
+        say("no " + target);
+        return 1;
+    }
+    auto handled = [&] {
+        Parcel none;
+        Parcel reply;
+        return probe->transact(kOneWayHandledCode, none, &reply) == OK ? reply.readInt32() : -1;
+    };
+    // Asked afresh each time (a proxy caches its descriptor).
+    auto askDescriptor = [&] {
+        Parcel none;
+        Parcel reply;
+        return stub->transact(IBinder::INTERFACE_TRANSACTION, none, &reply) == OK
+                       ? reply.readString16()
+                       : String16();
+    };
+    const String16 descriptor = askDescriptor();
+    std::vector<uint32_t> codes = {IBinder::INTERFACE_TRANSACTION, IBinder::DUMP_TRANSACTION,
+                                   IBinder::SHELL_COMMAND_TRANSACTION,
+                                   IBinder::SYSPROPS_TRANSACTION};
+    for (uint32_t code = 0; code <= 20; ++code) codes.push_back(code);
+    const int32_t before = handled();
+    for (uint32_t code : codes) {
+        Parcel data;
+        data.writeInterfaceToken(descriptor);
+        data.writeInt32(0);
+        data.writeInt32(1);
+        data.writeStrongBinder(nullptr);
+        stub->transact(code, data, nullptr, IBinder::FLAG_ONEWAY);
+    }
+    const int32_t expected = before + static_cast<int32_t>(codes.size());
+    int32_t now = handled();
+    for (int i = 0; i < 250 && now >= 0 && now < expected; ++i) {
+        usleep(20 * 1000);
+        now = handled();
+    }
+    say("oneway " + target + " handled=" + std::to_string(now - before) + "/" +
+        std::to_string(codes.size()) +
+        " answers=" + std::to_string(descriptor.size() > 0 && askDescriptor() == descriptor));
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -363,13 +501,19 @@ int main(int argc, char** argv) {
     if (mode == "hold") return runHold();
     if (mode == "operations") return runOperations();
     if (mode == "events" && argc > 2) return runEvents(atoi(argv[2]));
+    if (mode == "intrude" && argc > 2) {
+        std::vector<int> ids;
+        for (int i = 2; i < argc; ++i) ids.push_back(atoi(argv[i]));
+        return runIntrude(ids);
+    }
     if (mode == "setenabled" && argc > 2) return runSetEnabled(atoi(argv[2]));
     if (mode == "protocol") return runProtocol();
+    if (mode == "oneway" && argc > 2) return runOneWay(argv[2]);
     if (mode == "hostile" && argc > 3)
         return runHostile(strtoul(argv[2], nullptr, 10), atoi(argv[3]));
     fprintf(stderr,
-            "usage: %s server|probe|hold|operations|events N|setenabled V|protocol|"
-            "hostile SEED N\n",
+            "usage: %s server|probe|hold|intrude ID...|operations|events N|setenabled V|protocol|"
+            "hostile SEED N|oneway TARGET\n",
             argv[0]);
     return 2;
 }

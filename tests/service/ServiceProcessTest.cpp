@@ -145,6 +145,46 @@ TEST_F(ServiceProcessTest, KilledClientIsCleanedUp) {
     EXPECT_TRUE(contains(run({"operations"}), "handle=" + tracker + "/-1"));
 }
 
+// A tracker handed to one client is that client's until it lets go: another client naming it
+// is refused before the facade, and told so in the log; a tracker handed to no one still
+// reaches the facade from anyone.
+TEST_F(ServiceProcessTest, TrackerIsUsableOnlyByTheProcessItWasHandedTo) {
+    startRuntime(grants({kControl, kDump}));
+    ChildProcess holder({helper(), "hold"});
+    ASSERT_TRUE(holder.waitForOutput("held", kTimeoutMs)) << holder.output();
+    const std::string held = numberAfter(holder.output(), "tracker=");
+    ASSERT_EQ("0", held) << holder.output();
+
+    pid_t intruder = -1;
+    const std::string refused = std::to_string(android::INVALID_OPERATION);
+    expectLines(run({"intrude", held, "1"}, &intruder),
+                {"intruded 0: " + refused + " " + refused + " " + refused + " " + refused + " " +
+                 refused});
+    const std::string report = probe();
+    for (const char* call : {"start", "stop", "standby", "setConfiguration", "sample",
+                             "releaseHeadTrackerHandle"}) {
+        EXPECT_FALSE(contains(report, std::string("call: ") + call + " 0")) << report;
+        EXPECT_TRUE(contains(report, std::string("call: ") + call + " 1")) << report;
+    }
+    const std::string warning = "log: 5|TovarinBnTovarinService|" + helper() + "(" +
+                                std::to_string(intruder) +
+                                "): head tracker (0) is not held by this process";
+    size_t warnings = 0;
+    for (size_t at = report.find(warning); at != std::string::npos;
+         at = report.find(warning, at + 1)) {
+        ++warnings;
+    }
+    EXPECT_EQ(6u, warnings) << report;
+    EXPECT_FALSE(contains(report, "head tracker (1) is not held")) << report;
+    EXPECT_TRUE(contains(report, "records state=1 poller=1")) << report;
+
+    // Once its holder is gone, the tracker is free for the next client.
+    holder.kill(SIGKILL);
+    holder.wait(kTimeoutMs);
+    probeUntil("records state=0 poller=0");
+    EXPECT_TRUE(contains(run({"operations"}), "handle=0/-1"));
+}
+
 TEST_F(ServiceProcessTest, StateChangeEventsArriveInOrder) {
     startRuntime(grants({kControl, kDump}));
     expectLines(run({"events", "12"}),
@@ -202,6 +242,23 @@ TEST_F(ServiceProcessTest, HostileClientCannotBringTheServiceDown) {
     }
     // Normal service afterwards.
     EXPECT_TRUE(contains(run({"protocol"}), "code 16 status="));
+}
+
+// A one-way call gets a reply parcel to write into, as on the platform, so no stub of the
+// product can be brought down by a caller that asks for no answer.
+TEST_F(ServiceProcessTest, OneWayCallsWithEveryCodeLeaveEveryStubAnswering) {
+    startRuntime(grants({kControl, kDump}));
+    for (const char* target : {"service", "debug", "state-listener", "raw-listener", "poller"}) {
+        SCOPED_TRACE(target);
+        EXPECT_TRUE(contains(run({"oneway", target}),
+                             std::string("oneway ") + target + " handled=25/25 answers=1"))
+                << mServer->output();
+        if (mServer->wait(0) != -1) {
+            ADD_FAILURE() << "the server died";
+            mServer = std::make_unique<ChildProcess>(std::vector<std::string>{helper(), "server"});
+            ASSERT_TRUE(mServer->waitForOutput("server ready", kTimeoutMs));
+        }
+    }
 }
 
 TEST_F(ServiceProcessTest, TovarindServesTheSimulatedTracker) {

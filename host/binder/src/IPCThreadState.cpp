@@ -426,7 +426,9 @@ status_t IPCThreadState::executeTransaction(InboundFrame& frame) {
 
         if (t.cookie != 0) {
             sp<IBinder> target(reinterpret_cast<IBinder*>(t.cookie));
-            error = target->transact(t.code, buffer, oneway ? nullptr : &reply, t.flags);
+            // As on the platform, every call gets a reply parcel, one-way calls included:
+            // stubs may write into it unconditionally. A one-way call's reply is dropped.
+            error = target->transact(t.code, buffer, &reply, t.flags);
         } else {
             error = UNKNOWN_TRANSACTION;
         }
