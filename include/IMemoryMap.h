@@ -7,8 +7,9 @@
  * ring order, so a frame stays readable until six further distinct frames have been stored.
  *
  * The slot size is taken from setFilesize() when the singleton is built, i.e. on the first
- * frame with pixels, and holds for the life of the process: later setFilesize() calls change
- * neither the slots nor the number of bytes copied into one.
+ * frame with pixels whose size is positive, and holds for the life of the process: later
+ * setFilesize() calls change neither the slots nor their size. A frame is copied at its own
+ * size, never more; a frame larger than a slot leaves without pixels.
  *
  * Threads: getInstance() and getMemoryWithData() may be called from any thread; both are
  * serialised by one process-wide mutex.
@@ -39,9 +40,12 @@ public:
     static void setFilesize(int filesize);
 
     // The slot holding the frame with `key`; when no slot holds it, the next slot of the ring
-    // gets the key and a copy of the slot size's worth of bytes from `data` (the caller
-    // supplies at least that many). Null when that slot has no memory (its allocation failed);
-    // such a slot is never written to.
+    // gets the key and a copy of the `size` bytes at `data`. Null, with no slot used up, when
+    // `size` is 0 or larger than a slot; null when that slot has no memory (its allocation
+    // failed): such a slot is never written to.
+    android::sp<android::IMemory> getMemoryWithData(int64_t key, const unsigned char* data,
+                                                    size_t size);
+    // As above with a frame of exactly the slot size: the caller supplies that many bytes.
     android::sp<android::IMemory> getMemoryWithData(int64_t key, unsigned char* data);
 
     IMemoryMap(const IMemoryMap&) = delete;

@@ -48,14 +48,21 @@ CameraFrameEventParceler::~CameraFrameEventParceler() {
 status_t CameraFrameEventParceler::parcel(const CameraFrameEvent& event, Parcel& parcel) {
     parcel.writeInt64(event.timestamp);
     parcel.writeInt64(event.tag);
-    IMemoryMap::setFilesize(frameArea(event.width, event.height));
+    const int area = frameArea(event.width, event.height);
+    IMemoryMap::setFilesize(area);
     parcel.writeInt32(event.width);
     parcel.writeInt32(event.height);
     parcel.writeInt32(event.data != nullptr ? 1 : 0);
     if (event.data != nullptr) {
-        // The parcel holds the slot's binder from here on; our reference is dropped at once.
-        sp<IMemory> memory =
-                IMemoryMap::getInstance()->getMemoryWithData(event.timestamp, event.data);
+        // Exactly the frame's width x height bytes are read from `data`. A frame without a
+        // positive size never builds the ring (and so never fixes its slot size); it and a
+        // frame larger than a slot leave without pixels. The parcel holds the slot's binder
+        // from here on; our reference is dropped at once.
+        sp<IMemory> memory;
+        if (event.width > 0 && event.height > 0 && area > 0) {
+            memory = IMemoryMap::getInstance()->getMemoryWithData(event.timestamp, event.data,
+                                                                  static_cast<size_t>(area));
+        }
         parcel.writeStrongBinder(memory != nullptr ? IInterface::asBinder(memory) : nullptr);
     }
     parcelCameraSettings(event.settings, parcel);

@@ -3,6 +3,7 @@
 #include <string.h>
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <limits>
 
 using android::IMemory;
@@ -43,8 +44,10 @@ pthread_mutex_t IMemoryMap::sMutex = PTHREAD_MUTEX_INITIALIZER;
 
 IMemoryMap* IMemoryMap::getInstance() {
     ScopedPthreadLock lock(&sMutex);
-    static IMemoryMap sInstance;
-    return &sInstance;
+    // Never destroyed, like the mutex: binder threads may still be writing frames while the
+    // process's static destructors run.
+    static IMemoryMap* const sInstance = new IMemoryMap();
+    return sInstance;
 }
 
 void IMemoryMap::setFilesize(int filesize) {
@@ -72,15 +75,23 @@ IMemoryMap::IMemoryMap() : mFilesize(sFilesize.load(std::memory_order_relaxed)),
 }
 
 sp<IMemory> IMemoryMap::getMemoryWithData(int64_t key, unsigned char* data) {
+    return getMemoryWithData(key, data, static_cast<size_t>(std::max(mFilesize, 0)));
+}
+
+sp<IMemory> IMemoryMap::getMemoryWithData(int64_t key, const unsigned char* data, size_t size) {
+    // A frame the slots cannot hold leaves without pixels; the ring is not touched.
+    if (data == nullptr || size == 0 || mFilesize <= 0 || size > static_cast<size_t>(mFilesize)) {
+        return nullptr;
+    }
     ScopedPthreadLock lock(&sMutex);
     for (const Slot& slot : mSlots) {
         if (slot.key == key) return slot.memory;
     }
     Slot& slot = mSlots[static_cast<size_t>(mIndex)];
     mIndex = (mIndex + 1) % kSlotCount;
-    if (slot.memory == nullptr || data == nullptr) return nullptr;
+    if (slot.memory == nullptr) return nullptr;
     slot.key = key;
-    memcpy(slot.memory->pointer(), data, static_cast<size_t>(mFilesize));
+    memcpy(slot.memory->pointer(), data, size);
     return slot.memory;
 }
 

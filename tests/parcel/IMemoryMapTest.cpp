@@ -14,9 +14,12 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <limits>
+#include <string>
 #include <set>
 #include <thread>
 #include <vector>
@@ -198,14 +201,17 @@ TEST(IMemoryMapTest, KeyZeroMatchesTheUntouchedFirstSlot) {
 
 TEST(IMemoryMapTest, SlotsWithoutMemoryAreSentAsNullBinders) {
     IN_FRESH_PROCESS([]() -> const char* {
-        // The first frame with pixels has no area: no heap can be made for the ring.
+        // A ring built at no size has no heap and no slot memory.
         unsigned char pixel = 1;
+        IMemoryMap::setFilesize(0);
+        CHECK_OR_RETURN(IMemoryMap::getInstance()->getMemoryWithData(77, &pixel, 1) == nullptr);
         CameraFrameEvent frame;
         frame.data = &pixel;
+        frame.width = 1;
+        frame.height = 1;
         CameraFrameEventParceler writer;
         Parcel parcel;
         writer.parcel(frame, parcel);
-        CHECK_OR_RETURN(IMemoryMap::getInstance()->getMemoryWithData(77, &pixel) == nullptr);
         CHECK_OR_RETURN(parcel.objectsCount() == 0);
         parcel.setDataPosition(0);
         CameraFrameEvent back;
@@ -215,6 +221,103 @@ TEST(IMemoryMapTest, SlotsWithoutMemoryAreSentAsNullBinders) {
         CHECK_OR_RETURN(parcel.dataAvail() == 0);
         return nullptr;
     });
+}
+
+// `size` bytes that end where an inaccessible page begins: reading one byte past them faults.
+class GuardedFrame {
+public:
+    explicit GuardedFrame(size_t size, unsigned seed) : mSize(size) {
+        const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+        mMappedSize = (size + page - 1) / page * page + page;
+        mBase = static_cast<unsigned char*>(mmap(nullptr, mMappedSize, PROT_READ | PROT_WRITE,
+                                                 MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        mprotect(mBase + mMappedSize - page, page, PROT_NONE);
+        const std::vector<unsigned char> bytes = pattern(seed, size);
+        memcpy(data(), bytes.data(), size);
+    }
+    ~GuardedFrame() { munmap(mBase, mMappedSize); }
+    unsigned char* data() const { return mBase + mMappedSize - pageSize() - mSize; }
+    std::vector<unsigned char> bytes() const { return {data(), data() + mSize}; }
+
+private:
+    static size_t pageSize() { return static_cast<size_t>(sysconf(_SC_PAGESIZE)); }
+    size_t mSize;
+    size_t mMappedSize;
+    unsigned char* mBase;
+};
+
+// Writes a frame of `width` x `height` with `pixels` and reads it back: the pixels received
+// (empty when the frame left without them) and the size of the slot that carried them.
+struct Received {
+    std::vector<unsigned char> pixels;
+    size_t slotSize = 0;
+};
+Received roundTrip(int64_t timestamp, int32_t width, int32_t height, unsigned char* pixels) {
+    CameraFrameEvent frame;
+    frame.timestamp = timestamp;
+    frame.width = width;
+    frame.height = height;
+    frame.data = pixels;
+    Parcel parcel;
+    CameraFrameEventParceler().parcel(frame, parcel);
+    Received received;
+    parcel.setDataPosition(8 * 2 + 4 * 3);
+    const sp<IMemory> slot = interface_cast<IMemory>(parcel.readStrongBinder());
+    if (slot != nullptr) received.slotSize = slot->size();
+    parcel.setDataPosition(0);
+    CameraFrameEvent back;
+    CameraFrameEventParceler reader;
+    reader.unparcel(back, parcel);
+    if (back.data != nullptr) {
+        received.pixels.assign(back.data, back.data + static_cast<size_t>(width) * height);
+    }
+    return received;
+}
+
+// A smaller frame than the slot is copied at its own size, from a buffer of exactly that size;
+// a larger one leaves without pixels.
+const char* writeSmallerAndLargerFrames() {
+    const GuardedFrame first(64 * 64, 1), smaller(10 * 10, 2), larger(100 * 100, 3);
+    const Received a = roundTrip(1, 64, 64, first.data());
+    CHECK_OR_RETURN(a.slotSize == 64 * 64 && a.pixels == first.bytes());
+    const Received b = roundTrip(2, 10, 10, smaller.data());
+    CHECK_OR_RETURN(b.slotSize == 64 * 64 && b.pixels == smaller.bytes());
+    const Received c = roundTrip(3, 100, 100, larger.data());
+    CHECK_OR_RETURN(c.slotSize == 0 && c.pixels.empty());
+    const Received d = roundTrip(4, 64, 64, first.data());
+    CHECK_OR_RETURN(d.pixels == first.bytes());
+    return nullptr;
+}
+
+TEST(IMemoryMapTest, WriterReadsNoMoreThanTheFrame) {
+    IN_FRESH_PROCESS(writeSmallerAndLargerFrames);
+}
+
+// A first frame whose size is not positive or overflows sends no pixels and leaves the slot
+// size to the first frame that has one.
+struct FrameSize {
+    int32_t width;
+    int32_t height;
+};
+FrameSize sFirstFrame;
+
+const char* writeFirstFrameThenAUsableOne() {
+    const GuardedFrame tiny(1, 4), frame(32 * 32, 5);
+    const Received first = roundTrip(1, sFirstFrame.width, sFirstFrame.height, tiny.data());
+    CHECK_OR_RETURN(first.slotSize == 0 && first.pixels.empty());
+    const Received second = roundTrip(2, 32, 32, frame.data());
+    CHECK_OR_RETURN(second.slotSize == 32 * 32 && second.pixels == frame.bytes());
+    return nullptr;
+}
+
+TEST(IMemoryMapTest, FirstFrameWithoutAUsableSizeDoesNotFixTheSlotSize) {
+    for (const FrameSize size : {FrameSize{0, 5}, FrameSize{-3, 4}, FrameSize{-3, -4},
+                                 FrameSize{65536, 65536},
+                                 FrameSize{std::numeric_limits<int32_t>::max(), 2}}) {
+        SCOPED_TRACE(std::to_string(size.width) + "x" + std::to_string(size.height));
+        sFirstFrame = size;
+        IN_FRESH_PROCESS(writeFirstFrameThenAUsableOne);
+    }
 }
 
 }  // namespace
