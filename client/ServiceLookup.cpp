@@ -30,14 +30,17 @@ int32_t sLogState = -1;
 
 }  // namespace
 
-// Created at load, in this order, and destroyed in reverse order at exit.
+// Never destroyed: pool threads (death notices, the client singleton's recovery) may use them
+// while the process's static destructors run.
 pthread_mutex_t ITovarinService::sLock = PTHREAD_MUTEX_INITIALIZER;
-sp<ITovarinService> ITovarinService::sService;
-sp<ITovarinService::DeathNotifier> ITovarinService::sDeathNotifier;
+sp<ITovarinService>& ITovarinService::sService = *new sp<ITovarinService>();
+sp<ITovarinService::DeathNotifier>& ITovarinService::sDeathNotifier =
+        *new sp<ITovarinService::DeathNotifier>();
 
 sp<ITovarinService> ITovarinService::checkService() {
     pthread_mutex_lock(&sLock);
-    if (sService == nullptr) {
+    sp<ITovarinService> service = sService;
+    if (service == nullptr) {
         // The lock is held across the query, the link and the pool start, so concurrent
         // first callers make exactly one query and share one proxy.
         sp<IBinder> binder = defaultServiceManager()->checkService(String16(SERVICE_NAME));
@@ -50,15 +53,19 @@ sp<ITovarinService> ITovarinService::checkService() {
             TovarinLogger::setGlobalMaxLevel(4);
             // Linked before anything else can link to this binder: the platform delivers death
             // notices in link order, so this cache is empty before any other recipient of the
-            // same death (TovarinServiceImpl's recovery) looks the service up again. A failed
-            // link (binder already dead) is ignored; calls then fail with DEAD_OBJECT.
-            binder->linkToDeath(sDeathNotifier, nullptr, 0);
-            sService = ITovarinService::asInterface(binder);
+            // same death (TovarinServiceImpl's recovery) looks the service up again.
+            const bool linked = binder->linkToDeath(sDeathNotifier, nullptr, 0) == android::OK;
+            service = ITovarinService::asInterface(binder);
+            // A proxy that could not be linked (the service died since the lookup answered)
+            // would never be cleared, as no notice comes for it: it is not kept. This caller
+            // gets it (its calls fail with DEAD_OBJECT); the next one looks the service up again.
+            if (linked) {
+                sService = service;
+            }
             // Death notices and listener callbacks arrive on pool threads.
             ProcessState::self()->startThreadPool();
         }
     }
-    sp<ITovarinService> service = sService;
     pthread_mutex_unlock(&sLock);
     return service;
 }

@@ -39,7 +39,10 @@ TovarinServiceImpl::TovarinServiceImpl() {}
 TovarinServiceImpl::~TovarinServiceImpl() {}
 
 sp<TovarinServiceImpl> TovarinServiceImpl::getInstance() {
-    static sp<TovarinServiceImpl> sInstance = new TovarinServiceImpl();
+    // Never destroyed: pool threads (death notices, the recovery below, incoming events) may
+    // still use the instance while the process's static destructors run.
+    static const sp<TovarinServiceImpl>& sInstance = *new sp<TovarinServiceImpl>(
+            new TovarinServiceImpl());
     return sInstance;
 }
 
@@ -51,9 +54,12 @@ sp<ITovarinService> TovarinServiceImpl::checkService() {
         // arrive in link order, so by the time binderDied() below looks the service up again,
         // the lookup no longer holds the dead proxy.
         sp<ITovarinService> service = ITovarinService::checkService();
-        if (service != nullptr) {
+        // A proxy that cannot be linked (the service died since the lookup) would never be
+        // replaced, as no death notice comes for it: it is dropped, and the next call looks
+        // the service up again.
+        if (service != nullptr &&
+            IInterface::asBinder(service)->linkToDeath(self, nullptr, 0) == android::OK) {
             self->mService = service;
-            IInterface::asBinder(self->mService)->linkToDeath(self, nullptr, 0);
         }
     }
     return self->mService;

@@ -97,8 +97,8 @@ public:
 
     // Guards sService and sDeathNotifier.
     static pthread_mutex_t sLock;
-    static android::sp<ITovarinService> sService;
-    static android::sp<DeathNotifier> sDeathNotifier;
+    static android::sp<ITovarinService>& sService;
+    static android::sp<DeathNotifier>& sDeathNotifier;
 };
 
 // ---------------------------------------------------------------------------------------------

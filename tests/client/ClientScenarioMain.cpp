@@ -1,7 +1,7 @@
 // A client process for the client tests. Runs one scenario against whatever service the runtime
 // has (or has not) and prints what it sees, one fact per line, for the test to check:
 //
-//   tovarin_client_scenario lookup|restart|away|fallbacks|forwarding
+//   tovarin_client_scenario lookup|restart|away|fallbacks|forwarding|relink|exit
 //
 // Log lines of this process are echoed as "LOG <level> <tag or -> <text>" in the order they
 // were written. Exit status 0 when the scenario ran to its end.
@@ -12,6 +12,8 @@
 
 #include <tovarin/TovarinListener.h>
 #include <tovarin/TovarinLogger.h>
+
+#include <binder/Parcel.h>
 
 #include <dlfcn.h>
 #include <stdarg.h>
@@ -144,7 +146,8 @@ private:
 // A service manager that counts lookups. This executable's defaultServiceManager() takes the
 // place of the runtime's (the library calls it through the dynamic linker), and hands out this
 // wrapper around the real one. In the lookup scenario each lookup is slowed down so that
-// concurrent callers overlap.
+// concurrent callers overlap; in the relink scenario the service found by one lookup is killed
+// before the lookup answers.
 
 sp<IServiceManager> realServiceManager() {
     using Getter = sp<IServiceManager> (*)();
@@ -161,7 +164,16 @@ public:
     sp<IBinder> checkService(const String16& name) const override {
         ++queries;
         usleep(delayMs * 1000);
-        return realServiceManager()->checkService(name);
+        sp<IBinder> found = realServiceManager()->checkService(name);
+        if (found != nullptr && killNextFound.exchange(false)) {
+            // The test service dies on this code; the answer is given once the runtime knows.
+            Parcel data, reply;
+            found->transact(IBinder::LAST_CALL_TRANSACTION, data, &reply);
+            const bool gone = waitUntil(
+                    [&] { return realServiceManager()->checkService(name) == nullptr; }, 5000);
+            say("KILLED_AFTER_LOOKUP %d", gone);
+        }
+        return found;
     }
     status_t addService(const String16& name, const sp<IBinder>& service, bool allowIsolated,
                         int dumpsysFlags) override {
@@ -172,6 +184,7 @@ public:
     }
     static std::atomic<int> queries;
     static std::atomic<int> delayMs;
+    static std::atomic<bool> killNextFound;
 
 protected:
     IBinder* onAsBinder() override { return IInterface::asBinder(realServiceManager()).get(); }
@@ -179,6 +192,7 @@ protected:
 
 std::atomic<int> CountingServiceManager::queries{0};
 std::atomic<int> CountingServiceManager::delayMs{0};
+std::atomic<bool> CountingServiceManager::killNextFound{false};
 
 bool serviceRegistered() {
     return realServiceManager()->checkService(String16(ITovarinService::SERVICE_NAME)) != nullptr;
@@ -352,12 +366,72 @@ int forwardingScenario() {
     return 0;
 }
 
+// The service found by the recovery's lookup dies before the client can link to it: the client
+// drops it, looks again, and brings its listener back to the next service.
+int relinkScenario() {
+    LogEcho log;
+    sp<TovarinServiceImpl> impl = TovarinServiceImpl::getInstance();
+    if (TovarinServiceImpl::getService() == nullptr) return 3;
+    sp<TestStateChangeListener> s1 = new TestStateChangeListener("s1");
+    say("REGISTERED %d", impl->registerStateChangeListener(s1));
+    CountingServiceManager::killNextFound = true;
+    // The test kills the service and starts another, which the recovery's lookup kills; then
+    // a third, which sends an event once the listener is back.
+    const bool events = waitUntil([&] { return s1->events > 0; }, 20000);
+    say("EVENTS s1=%d", s1->events.load());
+    return events ? 0 : 5;
+}
+
+// exit() while a pool thread is recovering from the service's death: the process-lifetime
+// objects that the recovery uses must still be there after the static destructors of
+// everything made since main() began have run.
+TestStateChangeListener* gExitListener = nullptr;
+
+void finishRecoveryAtExit() {
+    say("EXITING");
+    // The test now starts a new service; the recovery, still running, registers the listener
+    // with it, and the service answers with an event.
+    const bool recovered = waitUntil([] { return gExitListener->events > 0; }, 15000);
+    say("RECOVERED_AT_EXIT %d", recovered);
+    if (!recovered) _exit(6);
+    // The test replaces that service too: the singleton is still there to recover again.
+    const bool again = waitUntil([] { return gExitListener->events > 1; }, 15000);
+    say("RECOVERED_AGAIN %d", again);
+    if (!again) _exit(7);
+}
+
+int exitScenario() {
+    // Registered before anything below makes a process-lifetime object: runs after their
+    // static destructors.
+    atexit(finishRecoveryAtExit);
+    if (TovarinServiceImpl::getService() == nullptr) return 3;
+    gExitListener = new TestStateChangeListener("s1");
+    gExitListener->incStrong(nullptr);  // kept to the end
+    // No reference to the singleton is held here: only the singleton's own keeps it.
+    say("REGISTERED %d",
+        TovarinServiceImpl::getInstance()->registerStateChangeListener(gExitListener));
+    auto* capture = new TovarinLogCapture();  // kept to the end: nothing of it is destroyed
+    // The test kills the service: wait until the recovery is under way on a pool thread.
+    const bool recovering = waitUntil(
+            [&] {
+                for (const TovarinLogLine& line : capture->lines()) {
+                    if (line.tag == "TovarinServiceImpl" && line.text == kDied) return true;
+                }
+                return false;
+            },
+            10000);
+    if (!recovering) return 4;
+    exit(0);
+}
+
 }  // namespace
 
 namespace android {
 
 sp<IServiceManager> defaultServiceManager() {
-    static const sp<IServiceManager> counting = new CountingServiceManager();
+    // Never destroyed, like the runtime's own: pool threads may look services up at exit.
+    static const sp<IServiceManager>& counting = *new sp<IServiceManager>(
+            new CountingServiceManager());
     return counting;
 }
 
@@ -365,7 +439,8 @@ sp<IServiceManager> defaultServiceManager() {
 
 int main(int argc, char** argv) {
     if (argc != 2) {
-        fprintf(stderr, "usage: %s lookup|restart|away|fallbacks|forwarding\n", argv[0]);
+        fprintf(stderr, "usage: %s lookup|restart|away|fallbacks|forwarding|relink|exit\n",
+                argv[0]);
         return 2;
     }
     const std::string scenario = argv[1];
@@ -375,6 +450,8 @@ int main(int argc, char** argv) {
     if (scenario == "away") result = awayScenario();
     if (scenario == "fallbacks") result = fallbacksScenario();
     if (scenario == "forwarding") result = forwardingScenario();
+    if (scenario == "relink") result = relinkScenario();
+    if (scenario == "exit") result = exitScenario();
     say("EXIT %d", result);
     // Binder threads may still be delivering; leave without running static destructors.
     _exit(result);

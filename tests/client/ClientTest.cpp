@@ -150,6 +150,49 @@ TEST_F(ClientTest, ListenersReturnToARestartedService) {
     EXPECT_TRUE(find(output, "LOG 5 TovarinServiceImpl Unable to find service...").empty());
 }
 
+// The service found after a death dies before the client links to it: the client keeps no
+// proxy that no death notice would ever replace, looks again, and its listener comes back with
+// the next service.
+TEST_F(ClientTest, ServiceDyingBeforeTheLinkIsLookedUpAgain) {
+    auto first = startService();
+    auto client = startClient("relink");
+    ASSERT_TRUE(client->waitForOutput("REGISTERED", 10000)) << client->output();
+    EXPECT_EQ("REGISTERED 0", lineOf(client->output(), "REGISTERED"));
+
+    killService(first);
+    auto second = startService();
+    ASSERT_TRUE(client->waitForOutput("KILLED_AFTER_LOOKUP", 10000)) << client->output();
+    EXPECT_EQ("KILLED_AFTER_LOOKUP 1", lineOf(client->output(), "KILLED_AFTER_LOOKUP"));
+    killService(second);  // already dead: reaped
+    auto third = startService({"--toggle-after", "1"});
+    EXPECT_EQ(0, client->wait(25000)) << client->output() << third->output();
+    EXPECT_EQ(1u, find(third->output(), "STATE_REGISTER").size()) << third->output();
+}
+
+// The client calls exit() while a pool thread is recovering from the service's death, and the
+// recovery goes on after the static destructors have run: it still finds the new service and
+// registers the listener; the singleton is still there to recover from a second death; the
+// process exits cleanly.
+TEST_F(ClientTest, RecoveryOutlivesStaticDestructorsAtExit) {
+    auto first = startService();
+    auto client = startClient("exit");
+    ASSERT_TRUE(client->waitForOutput("REGISTERED", 10000)) << client->output();
+    EXPECT_EQ("REGISTERED 0", lineOf(client->output(), "REGISTERED"));
+
+    killService(first);
+    ASSERT_TRUE(client->waitForOutput("EXITING", 10000)) << client->output();
+    auto second = startService({"--toggle-after", "1"});
+    ASSERT_TRUE(client->waitForOutput("RECOVERED_AT_EXIT", 15000)) << client->output();
+    EXPECT_EQ("RECOVERED_AT_EXIT 1", lineOf(client->output(), "RECOVERED_AT_EXIT"));
+    EXPECT_EQ(1u, find(second->output(), "STATE_REGISTER").size()) << second->output();
+
+    killService(second);
+    auto third = startService({"--toggle-after", "1"});
+    EXPECT_EQ(0, client->wait(20000)) << client->output();
+    EXPECT_EQ("RECOVERED_AGAIN 1", lineOf(client->output(), "RECOVERED_AGAIN"));
+    EXPECT_EQ(1u, find(third->output(), "STATE_REGISTER").size()) << third->output();
+}
+
 // The service stays away past the five-second wait: one "Unable to find service...", and a
 // later call finds a new service at once but registers nothing with it.
 TEST_F(ClientTest, ServiceAwayLongerThanTheWait) {

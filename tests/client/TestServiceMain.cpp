@@ -3,10 +3,12 @@
 // reports a hardware state of 7. Every registration it receives is printed on a line of its
 // own, so that a test can count them and see their order.
 //
-//   tovarin_client_test_service [--toggle-after N]
+//   tovarin_client_test_service [--toggle-after N] [--die-on-code N]
 //
 // --toggle-after N: once the N-th state change listener is registered, flip the enabled state,
 // which sends a state change event to every registered listener.
+// --die-on-code N: the process kills itself (SIGKILL) as a transaction with code N arrives.
+// kDieCode does the same in every instance.
 #include "IRawDataListener.h"
 #include "ITovarinService.h"
 
@@ -16,9 +18,11 @@
 
 #include <tovarin/TovarinFacade.h>
 
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <map>
 #include <mutex>
@@ -69,11 +73,16 @@ private:
     std::atomic<int> mRegistrations{0};
 };
 
+// The code of the tests' request to die at once; see ClientScenarioMain.cpp.
+constexpr uint32_t kDieCode = IBinder::LAST_CALL_TRANSACTION;
+
 class RawDataAcceptingService : public BnTovarinService {
 public:
-    explicit RawDataAcceptingService(const sp<TovarinFacade>& facade) : BnTovarinService(facade) {}
+    RawDataAcceptingService(const sp<TovarinFacade>& facade, uint32_t dieOnCode)
+        : BnTovarinService(facade), mDieOnCode(dieOnCode) {}
 
     status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
+        if (code == kDieCode || code == mDieOnCode) kill(getpid(), SIGKILL);
         if (code != REGISTER_RAW_DATA_LISTENER && code != UNREGISTER_RAW_DATA_LISTENER) {
             return BnTovarinService::onTransact(code, data, reply, flags);
         }
@@ -95,6 +104,7 @@ public:
     }
 
 private:
+    const uint32_t mDieOnCode;
     std::mutex mLock;
     int32_t mNextHandle = 100;
     std::map<int32_t, sp<IBinder>> mListeners;
@@ -104,16 +114,19 @@ private:
 
 int main(int argc, char** argv) {
     int toggleAfter = 0;
+    uint32_t dieOnCode = kDieCode;
     for (int i = 1; i < argc; ++i) {
         if (strcmp(argv[i], "--toggle-after") == 0 && i + 1 < argc) {
             toggleAfter = atoi(argv[++i]);
+        } else if (strcmp(argv[i], "--die-on-code") == 0 && i + 1 < argc) {
+            dieOnCode = static_cast<uint32_t>(atoi(argv[++i]));
         } else {
-            fprintf(stderr, "usage: %s [--toggle-after N]\n", argv[0]);
+            fprintf(stderr, "usage: %s [--toggle-after N] [--die-on-code N]\n", argv[0]);
             return 2;
         }
     }
     sp<TestFacade> facade = new TestFacade(toggleAfter);
-    sp<BnTovarinService> service = new RawDataAcceptingService(facade);
+    sp<BnTovarinService> service = new RawDataAcceptingService(facade, dieOnCode);
     const status_t status =
             defaultServiceManager()->addService(String16(ITovarinService::SERVICE_NAME), service);
     if (status != OK) {

@@ -43,8 +43,9 @@ BBinder::~BBinder() {
 }
 
 const String16& BBinder::getInterfaceDescriptor() const {
-    // A function-local static: no dependence on static initialisation order.
-    static const String16 sEmptyDescriptor;
+    // A function-local static (no dependence on static initialisation order), never destroyed
+    // (pool threads may ask while static destructors run).
+    static const String16& sEmptyDescriptor = *new String16;
     ALOGW("BBinder::getInterfaceDescriptor reached on %p: no interface", this);
     return sEmptyDescriptor;
 }

@@ -72,9 +72,12 @@ public:
 
 IMPLEMENT_META_INTERFACE(ServiceManager, "android.os.IServiceManager");
 
+// The process-wide objects below are never destroyed: pool threads may look services up and
+// check permissions while the process's static destructors run.
+
 sp<IServiceManager> defaultServiceManager() {
-    static Mutex sLock;
-    static sp<IServiceManager> sManager;
+    static Mutex& sLock = *new Mutex;
+    static sp<IServiceManager>& sManager = *new sp<IServiceManager>;
     // Joins the instance HOSTBINDER_SOCKET names (again, when it changed).
     ProcessState::self()->ensureRuntime();
     Mutex::Autolock _l(sLock);
@@ -98,9 +101,9 @@ bool checkCallingPermission(const String16& permission, int32_t* outPid, int32_t
 }
 
 bool checkPermission(const String16& permission, pid_t pid, uid_t uid) {
-    static Mutex sLock;
-    static sp<IPermissionController> sController;
-    static const String16 kPermissionService("permission");
+    static Mutex& sLock = *new Mutex;
+    static sp<IPermissionController>& sController = *new sp<IPermissionController>;
+    static const String16& kPermissionService = *new String16("permission");
 
     sp<IPermissionController> pc;
     {

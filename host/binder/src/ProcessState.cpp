@@ -17,8 +17,10 @@
 
 namespace android {
 
-static Mutex gProcessMutex;
-static sp<ProcessState> gProcess;
+// The process's one ProcessState and its lock are never destroyed: pool threads keep using
+// them until the process ends, static destructors included.
+static Mutex& gProcessMutex = *new Mutex;
+static sp<ProcessState>& gProcess = *new sp<ProcessState>;
 
 sp<ProcessState> ProcessState::self() {
     Mutex::Autolock _l(gProcessMutex);
