@@ -125,6 +125,22 @@ TEST(TovarinCtl, TrackPrintsSamplesAndReleasesTheTracker) {
     }
 }
 
+// The service dies on the head tracker request: the tool says so, not that none is free.
+TEST(TovarinCtl, TrackSaysWhenTheServiceDiedOnTheHandleRequest) {
+    delete gService;  // tovarind, killed
+    gService = new hostbinder_test::ChildProcess({getenv("TOVARIN_CLIENT_SERVICE"),
+                                                  "--die-on-code", "9"});  // 9: the request
+    ASSERT_TRUE(gService->waitForOutput("READY", 10000)) << gService->output();
+    const Result result = runCtl({"track", "0.25"});
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ("tovarinctl: morvel.tovarin.service died before handing out a head tracker\n",
+              result.err);
+
+    delete gService;
+    gService = new hostbinder_test::ChildProcess({getenv("TOVARIND")});
+    ASSERT_TRUE(gService->waitForOutput("serving", 10000)) << gService->output();
+}
+
 TEST(TovarinCtl, ListenPrintsStateChanges) {
     Result listened;
     std::thread listener([&] { listened = runCtl({"listen", "1.5"}); });

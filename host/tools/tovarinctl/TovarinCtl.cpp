@@ -140,9 +140,16 @@ int TovarinCtl::track(const Args& args) {
     }
     const sp<TovarinServiceImpl> impl = service();
     if (impl == nullptr) return 1;
+    // The proxy the request goes through: a handle of -1 also answers a request that failed.
+    const sp<ITovarinService> proxy = TovarinServiceImpl::checkService();
     const HeadTrackerHandle handle = impl->getHeadTrackerHandle();
     if (handle.id == -1) {
-        fprintf(mErr, "tovarinctl: no head tracker is free\n");
+        if (proxy == nullptr || !android::IInterface::asBinder(proxy)->isBinderAlive()) {
+            fprintf(mErr, "tovarinctl: %s died before handing out a head tracker\n",
+                    ITovarinService::SERVICE_NAME);
+        } else {
+            fprintf(mErr, "tovarinctl: no head tracker is free\n");
+        }
         return 1;
     }
     int result = 0;
