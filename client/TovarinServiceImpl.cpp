@@ -41,8 +41,8 @@ TovarinServiceImpl::~TovarinServiceImpl() {}
 sp<TovarinServiceImpl> TovarinServiceImpl::getInstance() {
     // Never destroyed: pool threads (death notices, the recovery below, incoming events) may
     // still use the instance while the process's static destructors run.
-    static const sp<TovarinServiceImpl>& sInstance = *new sp<TovarinServiceImpl>(
-            new TovarinServiceImpl());
+    static const sp<TovarinServiceImpl>& sInstance =
+            *new sp<TovarinServiceImpl>(new TovarinServiceImpl());
     return sInstance;
 }
 

@@ -430,8 +430,8 @@ namespace android {
 
 sp<IServiceManager> defaultServiceManager() {
     // Never destroyed, like the runtime's own: pool threads may look services up at exit.
-    static const sp<IServiceManager>& counting = *new sp<IServiceManager>(
-            new CountingServiceManager());
+    static const sp<IServiceManager>& counting =
+            *new sp<IServiceManager>(new CountingServiceManager());
     return counting;
 }
 

@@ -128,8 +128,8 @@ TEST(TovarinCtl, TrackPrintsSamplesAndReleasesTheTracker) {
 // The service dies on the head tracker request: the tool says so, not that none is free.
 TEST(TovarinCtl, TrackSaysWhenTheServiceDiedOnTheHandleRequest) {
     delete gService;  // tovarind, killed
-    gService = new hostbinder_test::ChildProcess({getenv("TOVARIN_CLIENT_SERVICE"),
-                                                  "--die-on-code", "9"});  // 9: the request
+    gService = new hostbinder_test::ChildProcess(
+            {getenv("TOVARIN_CLIENT_SERVICE"), "--die-on-code", "9"});  // 9: the request
     ASSERT_TRUE(gService->waitForOutput("READY", 10000)) << gService->output();
     const Result result = runCtl({"track", "0.25"});
     EXPECT_EQ(1, result.status);

@@ -19,8 +19,8 @@
 
 #include <atomic>
 #include <limits>
-#include <string>
 #include <set>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -311,9 +311,9 @@ const char* writeFirstFrameThenAUsableOne() {
 }
 
 TEST(IMemoryMapTest, FirstFrameWithoutAUsableSizeDoesNotFixTheSlotSize) {
-    for (const FrameSize size : {FrameSize{0, 5}, FrameSize{-3, 4}, FrameSize{-3, -4},
-                                 FrameSize{65536, 65536},
-                                 FrameSize{std::numeric_limits<int32_t>::max(), 2}}) {
+    for (const FrameSize size :
+         {FrameSize{0, 5}, FrameSize{-3, 4}, FrameSize{-3, -4}, FrameSize{65536, 65536},
+          FrameSize{std::numeric_limits<int32_t>::max(), 2}}) {
         SCOPED_TRACE(std::to_string(size.width) + "x" + std::to_string(size.height));
         sFirstFrame = size;
         IN_FRESH_PROCESS(writeFirstFrameThenAUsableOne);

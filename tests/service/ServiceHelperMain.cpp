@@ -360,8 +360,8 @@ int runIntrude(const std::vector<int>& ids) {
         const status_t sampled = service->sample(handle, event);
         service->releaseHeadTrackerHandle(handle);
         say("intruded " + std::to_string(id) + ": " + std::to_string(start) + " " +
-            std::to_string(stop) + " " + std::to_string(standby) + " " +
-            std::to_string(configure) + " " + std::to_string(sampled));
+            std::to_string(stop) + " " + std::to_string(standby) + " " + std::to_string(configure) +
+            " " + std::to_string(sampled));
     }
     return 0;
 }
@@ -446,8 +446,8 @@ int runOneWay(const std::string& target) {
     for (const OneWayTarget& t : kOneWayTargets) {
         if (target == t.target) name = t.serviceName;
     }
-    sp<IBinder> stub = name != nullptr ? defaultServiceManager()->checkService(String16(name))
-                                       : nullptr;
+    sp<IBinder> stub =
+            name != nullptr ? defaultServiceManager()->checkService(String16(name)) : nullptr;
     sp<IBinder> probe = defaultServiceManager()->checkService(String16(kProbeName));
     if (stub == nullptr || probe == nullptr) {
         say("no " + target);

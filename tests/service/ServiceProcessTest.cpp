@@ -161,8 +161,8 @@ TEST_F(ServiceProcessTest, TrackerIsUsableOnlyByTheProcessItWasHandedTo) {
                 {"intruded 0: " + refused + " " + refused + " " + refused + " " + refused + " " +
                  refused});
     const std::string report = probe();
-    for (const char* call : {"start", "stop", "standby", "setConfiguration", "sample",
-                             "releaseHeadTrackerHandle"}) {
+    for (const char* call :
+         {"start", "stop", "standby", "setConfiguration", "sample", "releaseHeadTrackerHandle"}) {
         EXPECT_FALSE(contains(report, std::string("call: ") + call + " 0")) << report;
         EXPECT_TRUE(contains(report, std::string("call: ") + call + " 1")) << report;
     }
