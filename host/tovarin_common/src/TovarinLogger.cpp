@@ -189,7 +189,10 @@ int rendel_log_write2(int level, int32_t* moduleState, int kind, const char* tag
     // liblog knows priorities 2 (verbose) to 7 (fatal) only.
     data.priority = std::clamp(level, static_cast<int>(ANDROID_LOG_VERBOSE),
                                static_cast<int>(ANDROID_LOG_FATAL));
-    data.tag = tag;
+    // liblog's own default tag (the program's name) lives in a static that is destroyed at
+    // exit, while pool threads may still log: name the program here instead, from libc's
+    // string, which is never freed.
+    data.tag = tag != nullptr ? tag : program_invocation_short_name;
     __android_log_write_logger_data(&data, text);
 
     {
