@@ -15,6 +15,35 @@ run_suite() {
     (cd "$dir" && ctest --output-on-failure -j "$jobs")
 }
 
+# The platform build, checked without a platform tree: Android.bp is well formed and lists
+# every library source, and every library source compiles against Android 10's own libbinder
+# headers (android-platform-frameworks-native-headers) instead of hostbinder's, so a library
+# change that leans on something only hostbinder offers fails here. Those headers rely on
+# <memory> and <limits> arriving through the platform's libc++; with libstdc++ they are
+# included up front. The maker's headers are still the host versions.
+platform_check() {
+    local fmt listed sources
+    fmt=$(bpfmt -d Android.bp)
+    if [ -n "$fmt" ]; then
+        echo "$fmt" >&2
+        echo "Android.bp is not as bpfmt writes it (bpfmt -w Android.bp)" >&2
+        exit 1
+    fi
+    sources=(parcel/*.cpp service/*.cpp listener/*.cpp debug/*.cpp client/*.cpp)
+    listed=$(grep -oE '"[a-z]+/[A-Za-z0-9_]+\.cpp"' Android.bp | tr -d '"' | xargs -n1 basename |
+             sort)
+    if ! diff -u <(echo "$listed") <(printf '%s\n' "${sources[@]##*/}" | sort) >&2; then
+        echo "Android.bp's srcs and the library's sources differ (- Android.bp, + sources)" >&2
+        exit 1
+    fi
+    printf '%s\n' "${sources[@]}" |
+        xargs -P "$jobs" -I{} g++ -std=c++17 -fsyntax-only -Wall -Wextra -Werror \
+            -include memory -include limits -Iinclude -Ihost/tovarin_common/include \
+            -isystem /usr/include/android {}
+    echo "Android.bp formatted and complete; ${#sources[@]} sources compile against" \
+         "Android 10's libbinder headers"
+}
+
 fuzz_smoke() {
     local dir=build-fuzz seconds=${TOVARIN_FUZZ_SECONDS:-15}
     CXX=clang++ cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
@@ -41,6 +70,8 @@ fuzz_smoke() {
     done
 }
 
+echo "== platform build check =="
+platform_check
 echo "== normal build =="
 run_suite build
 if [ "${1:-}" != "--quick" ]; then
