@@ -73,8 +73,9 @@ public:
 IMPLEMENT_META_INTERFACE(ServiceManager, "android.os.IServiceManager");
 
 sp<IServiceManager> defaultServiceManager() {
-    static Mutex sLock;
-    static sp<IServiceManager> sManager;
+    // Never destroyed, like the process state: pool threads may call in while the process exits.
+    static Mutex& sLock = *new Mutex;
+    static sp<IServiceManager>& sManager = *new sp<IServiceManager>;
     // Joins the instance HOSTBINDER_SOCKET names (again, when it changed).
     ProcessState::self()->ensureRuntime();
     Mutex::Autolock _l(sLock);
@@ -98,9 +99,9 @@ bool checkCallingPermission(const String16& permission, int32_t* outPid, int32_t
 }
 
 bool checkPermission(const String16& permission, pid_t pid, uid_t uid) {
-    static Mutex sLock;
-    static sp<IPermissionController> sController;
-    static const String16 kPermissionService("permission");
+    static Mutex& sLock = *new Mutex;
+    static sp<IPermissionController>& sController = *new sp<IPermissionController>;
+    static const String16& kPermissionService = *new String16("permission");
 
     sp<IPermissionController> pc;
     {

@@ -17,8 +17,10 @@
 
 namespace android {
 
-static Mutex gProcessMutex;
-static sp<ProcessState> gProcess;
+// Never destroyed: pool threads go on running while the process exits, and one that calls
+// self() then must not find a destroyed lock or a dangling pointer.
+static Mutex& gProcessMutex = *new Mutex;
+static sp<ProcessState>& gProcess = *new sp<ProcessState>;
 
 sp<ProcessState> ProcessState::self() {
     Mutex::Autolock _l(gProcessMutex);
