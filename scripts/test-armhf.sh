@@ -2,7 +2,8 @@
 # Cross-builds hostbinder, the library, the tools and the tests for 32-bit ARM (armhf, the
 # device's architecture: 4-byte size_t, long and pointers) and runs the whole suite under
 # qemu-user. binfmt_misc hands every ARM program to qemu, so hostbinderd and every helper and
-# tool a test starts run as ARM programs too. Usage: scripts/test-armhf.sh
+# tool a test starts run as ARM programs too. The last stage of scripts/test.sh.
+# Usage: scripts/test-armhf.sh
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh

@@ -83,3 +83,10 @@ if [ "${1:-}" != "--quick" ]; then
     export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
     run_suite build-asan -DTOVARIN_SANITIZE=ON -DTOVARIN_BUILD_BENCH=OFF
 fi
+
+# 32-bit ARM, the device's architecture: cross build and the whole suite under qemu-user
+# (about 7 minutes on two busy cores). scripts/test-armhf.sh runs it alone.
+if [ "${1:-}" != "--quick" ]; then
+    echo "== armhf cross build, suite under qemu-user =="
+    scripts/test-armhf.sh
+fi
