@@ -148,9 +148,9 @@ TEST(ParcelGoldenBytes, EveryWriteForm) {
             {"strong binder remote (handle 7)",
              [&](Parcel& p) { return p.writeStrongBinder(remote7); }, flat('h', 's', 0x13, 7, 0),
              1},
-            {"strong binder remote (handle 0, still an object)",
+            {"strong binder remote (handle 0, not listed)",
              [&](Parcel& p) { return p.writeStrongBinder(remote0); }, flat('h', 's', 0x13, 0, 0),
-             1},
+             0},
             {"file descriptor", [&](Parcel& p) { return p.writeFileDescriptor(pipe.fds[0]); },
              flat('d', 'f', 0x7f, static_cast<uint32_t>(pipe.fds[0]), 0), 1},
     };
@@ -613,6 +613,27 @@ TEST(ParcelHostile, ObjectsAreReadOnlyWhereTheTableRecordsThem) {
         EXPECT_EQ(forged->readStrongBinder(), nullptr);
         forged->setDataPosition(0);
         EXPECT_EQ(forged->readFileDescriptor(), BAD_TYPE);
+    }
+
+    // Objects whose binder/handle word is zero are plain data and read back where they
+    // stand: a null binder, and handle 0 (the service manager); no other handle.
+    const struct {
+        const char* name;
+        Bytes bytes;
+        status_t status;
+        sp<IBinder> binder;
+    } unlisted[] = {
+            {"null binder", flat('b', 's', 0x13, 0, 0), NO_ERROR, nullptr},
+            {"handle 0", flat('h', 's', 0x13, 0, 0), NO_ERROR,
+             ProcessState::self()->getStrongProxyForHandle(0)},
+            {"handle 7", flat('h', 's', 0x13, 7, 0), BAD_TYPE, nullptr},
+    };
+    for (const auto& c : unlisted) {
+        SCOPED_TRACE(c.name);
+        std::unique_ptr<Parcel> forged(parcelOf(c.bytes));
+        sp<IBinder> b;
+        EXPECT_EQ(forged->readNullableStrongBinder(&b), c.status);
+        EXPECT_EQ(b, c.binder);
     }
 
     // A recorded object is read only at its own position, and raw reads cannot see its bytes.

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <stdint.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -133,7 +134,9 @@ TEST(MemoryHeapBaseTest, UnusableSourcesGiveAnInvalidHeap) {
             {"closed descriptor", new MemoryHeapBase(-1, kPage)},
             {"pipe", new MemoryHeapBase(pipeFds[0], kPage)},
             {"empty anonymous heap", new MemoryHeapBase(size_t(0))},
-            {"anonymous heap too large to describe", new MemoryHeapBase(size_t(1) << 40)},
+            // Its size travels as an int32; 2 GiB is one byte more (and fits a 32-bit size_t).
+            {"anonymous heap too large to describe",
+             new MemoryHeapBase(static_cast<size_t>(INT32_MAX) + 1)},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);

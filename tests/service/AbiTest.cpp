@@ -4,7 +4,9 @@
  *
  * Under the Itanium C++ ABI a pointer to a virtual member function holds 1 + the byte offset
  * of the function's entry in the virtual table, and the this-adjustment of the table's
- * subobject. An adjustment of 0 means the entry is in the class's primary table.
+ * subobject. An adjustment of 0 means the entry is in the class's primary table. The 32-bit
+ * ARM variant keeps the byte offset as it is and moves the virtual flag to the low bit of the
+ * adjustment, which it stores doubled.
  */
 #include "IHeadTrackingPoller.h"
 #include "IRawDataListener.h"
@@ -47,9 +49,15 @@ Slot slotOf(MemberFunction function) {
     } representation;
     static_assert(sizeof(function) == sizeof(representation), "Itanium member pointer");
     memcpy(&representation, &function, sizeof(representation));
+#if defined(__arm__)
+    EXPECT_EQ(1, representation.adjustment & 1) << "not a virtual function";
+    return Slot{static_cast<ptrdiff_t>(representation.pointer / sizeof(void*)),
+                representation.adjustment >> 1};
+#else
     EXPECT_EQ(1u, representation.pointer & 1u) << "not a virtual function";
     return Slot{static_cast<ptrdiff_t>((representation.pointer - 1) / sizeof(void*)),
                 representation.adjustment};
+#endif
 }
 
 struct Expected {

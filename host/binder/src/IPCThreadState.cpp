@@ -14,6 +14,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <vector>
 
 namespace android {
@@ -26,6 +27,29 @@ namespace {
 pthread_key_t gTLS;
 pthread_once_t gTLSOnce = PTHREAD_ONCE_INIT;
 std::atomic<bool> gShutdown{false};
+
+// exit() destroys the process's static objects while pool threads may still be serving a call
+// or a death notice that uses them. From the moment exit begins, pool threads take no new work,
+// and exit waits a little for the work in hand (other than its own thread's) to end.
+std::atomic<int> gDispatching{0};
+std::atomic<bool> gExiting{false};
+thread_local bool tDispatching = false;
+pthread_once_t gExitGuardOnce = PTHREAD_ONCE_INIT;
+constexpr int kExitWaitMs = 500;
+
+void holdPoolAtExit() {
+    gExiting.store(true);
+    const int own = tDispatching ? 1 : 0;
+    for (int waited = 0; gDispatching.load() > own && waited < kExitWaitMs; ++waited) {
+        usleep(1000);
+    }
+}
+
+// Registered when the first pool thread starts serving, so after the static objects that
+// exist by then: exit runs it before it destroys them.
+void installExitGuard() {
+    atexit(holdPoolAtExit);
+}
 
 
 // A received transaction or reply buffer, adopted by a Parcel until the Parcel frees it.
@@ -303,11 +327,21 @@ void IPCThreadState::joinThreadPool(bool isMain) {
         NO_ERROR) {
         return;
     }
+    pthread_once(&gExitGuardOnce, installExitGuard);
     mIsLooper = true;
     for (;;) {
         InboundFrame frame;
         if (mConnection->read(&frame) != NO_ERROR) break;
+        gDispatching.fetch_add(1);
+        if (gExiting.load()) {
+            // The process is exiting: this thread serves nothing more.
+            gDispatching.fetch_sub(1);
+            for (;;) pause();
+        }
+        tDispatching = true;
         executeCommand(frame);
+        tDispatching = false;
+        gDispatching.fetch_sub(1);
     }
     mIsLooper = false;
 }

@@ -637,9 +637,10 @@ status_t Parcel::writeNoException() {
 
 status_t Parcel::writeObject(const flat_binder_object& val, bool nullMetaData) {
     if (val.hdr.type == BINDER_TYPE_FD && !mAllowFds) return FDS_NOT_ALLOWED;
-    // A null binder is plain data; everything else (a handle, even handle 0) is recorded.
-    const bool record =
-            nullMetaData || val.binder != 0 || val.hdr.type == BINDER_TYPE_HANDLE;
+    // An object whose binder/handle word is zero (a null binder, or handle 0: the service
+    // manager, the same in every process) is plain data, as on the platform; everything
+    // else is recorded.
+    const bool record = nullMetaData || val.binder != 0;
     // growData() first: it takes possession of adopted buffers before the table grows.
     if (status_t err = growData(kObjectSize); err != NO_ERROR) return err;
     if (record) {
@@ -927,10 +928,10 @@ const flat_binder_object* Parcel::readObject(bool nullMetaData) const {
     if (pos > mDataSize || kObjectSize > mDataSize - pos) return nullptr;
     mDataPos = pos + kObjectSize;
     mLastObject = objectAt(pos);
-    // A null binder is written as plain data (not recorded), so it is accepted where it
-    // stands; any other object must be recorded in the table at exactly this position.
-    if (!nullMetaData && mLastObject.hdr.type == BINDER_TYPE_BINDER &&
-        mLastObject.binder == 0 && mLastObject.cookie == 0) {
+    // A null binder and handle 0 are written as plain data (not recorded), so they are
+    // accepted where they stand; any other object must be recorded in the table at exactly
+    // this position.
+    if (!nullMetaData && mLastObject.binder == 0 && mLastObject.cookie == 0) {
         return &mLastObject;
     }
     if (isObjectOffset(pos)) return &mLastObject;

@@ -101,8 +101,8 @@ int DumpsysTool::main(int argc, char* const argv[]) {
                 return kExitUsage;
             }
             char* end = nullptr;
-            const long value = strtol(argv[++i], &end, 10);
-            if (end == argv[i] || *end != '\0' || value <= 0 || value > 24L * 3600 * 1000) {
+            const long long value = strtoll(argv[++i], &end, 10);
+            if (end == argv[i] || *end != '\0' || value <= 0 || value > 24LL * 3600 * 1000) {
                 mErr << "Error: invalid timeout number: '" << argv[i] << "'" << std::endl;
                 return kExitUsage;
             }

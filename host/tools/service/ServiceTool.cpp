@@ -198,8 +198,9 @@ int ServiceTool::call(int argc, char* const argv[], int first, bool* wantsUsage)
     }
     const char* const codeText = argv[first++];
     char* end = nullptr;
-    const long code = strtol(codeText, &end, 0);
-    if (end == codeText || *end != '\0' || code < 0 || code > static_cast<long>(UINT32_MAX)) {
+    // long long: a long cannot hold every uint32_t code where it is 32 bits wide.
+    const long long code = strtoll(codeText, &end, 0);
+    if (end == codeText || *end != '\0' || code < 0 || code > static_cast<long long>(UINT32_MAX)) {
         mErr << "service: Bad code " << codeText << std::endl;
         return kExitUsage;
     }

@@ -39,7 +39,7 @@ bool parseSeconds(const std::string& text, double* out) {
 
 bool parseInt(const std::string& text, int* out) {
     char* end = nullptr;
-    const long value = strtol(text.c_str(), &end, 10);
+    const long long value = strtoll(text.c_str(), &end, 10);
     if (text.empty() || *end != '\0' || value < INT32_MIN || value > INT32_MAX) return false;
     *out = static_cast<int>(value);
     return true;

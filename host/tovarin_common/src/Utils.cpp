@@ -1,11 +1,15 @@
 #include <tovarin/Utils.h>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <fstream>
 #include <string>
+#include <vector>
 
 namespace morvel {
 namespace tovarin {
@@ -36,6 +40,55 @@ bool readProcFile(int pid, const char* name, std::string* out, size_t maxBytes) 
     return true;
 }
 
+// The interpreter of each binfmt_misc rule (an emulator such as qemu-user that runs programs
+// of another architecture), and whether the rule keeps the program's argv[0] (flag P). Such a
+// program's command line, seen from another process, starts with the interpreter and the
+// program's path; its own argv[0] follows when the rule keeps it.
+struct BinfmtRule {
+    std::string interpreter;
+    bool keepsArgv0;
+};
+
+const std::vector<BinfmtRule>& binfmtRules() {
+    static const std::vector<BinfmtRule> rules = [] {
+        std::vector<BinfmtRule> found;
+        const char* const dirPath = "/proc/sys/fs/binfmt_misc";
+        DIR* dir = opendir(dirPath);
+        if (dir == nullptr) return found;
+        while (const dirent* entry = readdir(dir)) {
+            const std::string name = entry->d_name;
+            if (name[0] == '.' || name == "register" || name == "status") continue;
+            std::ifstream rule(std::string(dirPath) + "/" + name);
+            BinfmtRule r{"", false};
+            for (std::string line; std::getline(rule, line);) {
+                if (line.rfind("interpreter ", 0) == 0) r.interpreter = line.substr(12);
+                if (line.rfind("flags: ", 0) == 0) r.keepsArgv0 = line.find('P', 7) != line.npos;
+            }
+            if (!r.interpreter.empty()) found.push_back(r);
+        }
+        closedir(dir);
+        return found;
+    }();
+    return rules;
+}
+
+// The program's own name from a command line (NUL-separated arguments).
+std::string programName(const std::string& cmdline) {
+    std::vector<std::string> args;
+    for (size_t start = 0; start < cmdline.size() && args.size() < 3;) {
+        const size_t end = std::min(cmdline.find('\0', start), cmdline.size());
+        args.push_back(cmdline.substr(start, end - start));
+        start = end + 1;
+    }
+    if (args.empty()) return "";
+    for (const BinfmtRule& rule : binfmtRules()) {
+        if (args[0] != rule.interpreter) continue;
+        const size_t own = rule.keepsArgv0 ? 2 : 1;
+        if (own < args.size() && !args[own].empty()) return args[own];
+    }
+    return args[0];
+}
+
 }  // namespace
 
 android::String8 Utils::getProcessNameFromPID(int pid) {
@@ -44,7 +97,7 @@ android::String8 Utils::getProcessNameFromPID(int pid) {
 
     std::string text;
     if (readProcFile(pid, "cmdline", &text, 4096)) {
-        std::string first = text.substr(0, text.find('\0'));
+        const std::string first = programName(text);
         if (!first.empty()) return android::String8(first.c_str());
         // Kernel threads and zombies have an empty command line: use the short name.
         if (readProcFile(pid, "comm", &text, 64)) {

@@ -108,9 +108,9 @@ public:
     // Place a dup of `fd` into the parcel, which owns (and closes) the dup.
     status_t writeDupFileDescriptor(int fd);
 
-    // Writes a raw flat object and records it in the object table, unless it is a null binder
-    // (type BINDER, binder 0) and nullMetaData is false. Recorded objects hold a reference
-    // while the parcel owns them.
+    // Writes a raw flat object and records it in the object table, unless its binder/handle
+    // word is zero (a null binder or handle 0) and nullMetaData is false. Recorded objects
+    // hold a reference while the parcel owns them.
     status_t writeObject(const flat_binder_object& val, bool nullMetaData);
 
     status_t read(void* outData, size_t len) const;
@@ -159,8 +159,8 @@ public:
     int readFileDescriptor() const;
 
     // The flat object at the current position, only if the object table records it there (a
-    // null binder is also accepted unrecorded when nullMetaData is false). The pointer is to a
-    // copy that stays valid until the next readObject() on this parcel.
+    // null binder or handle 0 is also accepted unrecorded when nullMetaData is false). The
+    // pointer is to a copy that stays valid until the next readObject() on this parcel.
     const flat_binder_object* readObject(bool nullMetaData) const;
 
     // Closes every descriptor held in the object table (used when a received parcel is freed).
