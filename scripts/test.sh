@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Builds and runs every test twice: a normal build, then one under AddressSanitizer and
-# UndefinedBehaviorSanitizer; in between, the libFuzzer targets are built with clang and each
-# runs for a short while. Usage: scripts/test.sh [--quick]   (--quick: normal build only)
+# Builds and runs every test three times: a normal build, one under AddressSanitizer and
+# UndefinedBehaviorSanitizer, and one under ThreadSanitizer; in between, the libFuzzer targets
+# are built with clang and each runs for a short while from its seed corpus. Prints how long
+# each stage took. Usage: scripts/test.sh [--quick]   (--quick: normal build only)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
@@ -10,11 +11,33 @@ tovarin_install_deps
 jobs=$(nproc)
 run_suite() {
     local dir=$1; shift
-    cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
-    cmake --build "$dir" -j "$jobs"
-    (cd "$dir" && ctest --output-on-failure -j "$jobs")
+    cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null &&
+        cmake --build "$dir" -j "$jobs" &&
+        (cd "$dir" && ctest --output-on-failure -j "$jobs")
 }
 
+# Runs "$@" as the stage named $1 and reports its wall time and the CPU time of its processes
+# (on a shared machine the CPU time is the figure to compare).
+stage_times=()
+children_cpu() {  # user + system seconds of this shell's finished children, from `times`
+    local f
+    f=$(mktemp)
+    times >"$f"  # not in a pipe: a subshell would report its own children
+    tail -n 1 "$f" | awk '{ t = 0; for (i = 1; i <= 2; i++) { split($i, a, /[ms]/);
+                                t += a[1] * 60 + a[2] } printf "%d", t }'
+    rm -f "$f"
+}
+stage() {
+    local name=$1 start=$SECONDS cpu; shift
+    cpu=$(children_cpu)
+    echo "== $name =="
+    "$@"
+    stage_times+=("$name: $((SECONDS - start)) s wall, $(($(children_cpu) - cpu)) s CPU")
+    echo "== ${stage_times[-1]} =="
+}
+
+# Each fuzzer starts from a scratch copy of its seed corpus in fuzz/<area>/corpus, so that the
+# run explores past what earlier runs found without writing into the tree.
 fuzz_smoke() {
     local dir=build-fuzz seconds=${TOVARIN_FUZZ_SECONDS:-15}
     CXX=clang++ cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
@@ -27,9 +50,10 @@ fuzz_smoke() {
     for f in "${fuzzers[@]}"; do
         local corpus log rc=0
         corpus=$(mktemp -d)
+        if [ -d "fuzz/${f%%/*}/corpus" ]; then cp -r "fuzz/${f%%/*}/corpus/." "$corpus"; fi
         log="$dir/${f##*/}.log"
-        "$dir/fuzz/$f" -max_total_time="$seconds" -print_final_stats=1 "$corpus" >"$log" 2>&1 ||
-            rc=$?
+        "$dir/fuzz/$f" -max_total_time="$seconds" -rss_limit_mb=1024 -print_final_stats=1 \
+            "$corpus" >"$log" 2>&1 || rc=$?
         rm -rf "$corpus"
         if [ "$rc" -ne 0 ]; then
             tail -n 60 "$log" >&2
@@ -37,17 +61,37 @@ fuzz_smoke() {
             exit 1
         fi
         echo "${f##*/}: $(grep -m1 number_of_executed_units "$log" | awk '{print $2}')" \
-             "inputs in ${seconds}s, no crash"
+             "inputs in ${seconds}s, $(grep -o 'cov: [0-9]*' "$log" | tail -n1), no crash"
     done
 }
 
-echo "== normal build =="
-run_suite build
+asan_suite() {
+    ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1 \
+    UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+        run_suite build-asan -DTOVARIN_SANITIZE=ON -DTOVARIN_BUILD_BENCH=OFF
+}
+
+# Every process of the suite, helpers and tools included, writes its ThreadSanitizer reports
+# to a file of its own; any such file fails the stage, also from a helper that a test kills.
+tsan_suite() {
+    local dir=build-tsan
+    local reports=$PWD/$dir/tsan-reports
+    rm -rf "$reports" && mkdir -p "$reports"
+    local rc=0
+    TSAN_OPTIONS="suppressions=$PWD/scripts/tsan.supp:log_path=$reports/report:second_deadlock_stack=1" \
+        run_suite "$dir" -DTOVARIN_TSAN=ON -DTOVARIN_BUILD_BENCH=OFF || rc=$?
+    if compgen -G "$reports/report.*" >/dev/null; then
+        cat "$reports"/report.* >&2
+        echo "ThreadSanitizer reported the above (files in $reports)" >&2
+        exit 1
+    fi
+    return "$rc"
+}
+
+stage "normal build" run_suite build
 if [ "${1:-}" != "--quick" ]; then
-    echo "== libFuzzer targets (clang, ASan + UBSan) =="
-    fuzz_smoke
-    echo "== AddressSanitizer + UndefinedBehaviorSanitizer build =="
-    export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
-    export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
-    run_suite build-asan -DTOVARIN_SANITIZE=ON -DTOVARIN_BUILD_BENCH=OFF
+    stage "libFuzzer targets (clang, ASan + UBSan)" fuzz_smoke
+    stage "AddressSanitizer + UndefinedBehaviorSanitizer build" asan_suite
+    stage "ThreadSanitizer build" tsan_suite
 fi
+printf '%s\n' "${stage_times[@]}"
