@@ -19,20 +19,24 @@ run_suite() {
 # Runs "$@" as the stage named $1 and reports its wall time and the CPU time of its processes
 # (on a shared machine the CPU time is the figure to compare).
 stage_times=()
-children_cpu() {  # user + system seconds of this shell's finished children, from `times`
+children_cpu=0
+update_children_cpu() {  # user + system seconds of this shell's finished children, from `times`
     local f
     f=$(mktemp)
-    times >"$f"  # not in a pipe: a subshell would report its own children
-    tail -n 1 "$f" | awk '{ t = 0; for (i = 1; i <= 2; i++) { split($i, a, /[ms]/);
-                                t += a[1] * 60 + a[2] } printf "%d", t }'
+    times >"$f"  # in this shell: a subshell would count only its own children
+    children_cpu=$(tail -n 1 "$f" | awk '{ t = 0; for (i = 1; i <= 2; i++) {
+                                             split($i, a, /[ms]/); t += a[1] * 60 + a[2] }
+                                         printf "%d", t }')
     rm -f "$f"
 }
 stage() {
     local name=$1 start=$SECONDS cpu; shift
-    cpu=$(children_cpu)
+    update_children_cpu
+    cpu=$children_cpu
     echo "== $name =="
     "$@"
-    stage_times+=("$name: $((SECONDS - start)) s wall, $(($(children_cpu) - cpu)) s CPU")
+    update_children_cpu
+    stage_times+=("$name: $((SECONDS - start)) s wall, $((children_cpu - cpu)) s CPU")
     echo "== ${stage_times[-1]} =="
 }
 
