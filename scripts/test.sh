@@ -81,9 +81,9 @@ tsan_suite() {
     local dir=build-tsan
     local reports=$PWD/$dir/tsan-reports
     rm -rf "$reports" && mkdir -p "$reports"
-    local rc=0
-    TSAN_OPTIONS="suppressions=$PWD/scripts/tsan.supp:log_path=$reports/report:second_deadlock_stack=1" \
-        run_suite "$dir" -DTOVARIN_TSAN=ON -DTOVARIN_BUILD_BENCH=OFF || rc=$?
+    local rc=0 options
+    options="suppressions=$PWD/scripts/tsan.supp:log_path=$reports/report:second_deadlock_stack=1"
+    TSAN_OPTIONS=$options run_suite "$dir" -DTOVARIN_TSAN=ON -DTOVARIN_BUILD_BENCH=OFF || rc=$?
     if compgen -G "$reports/report.*" >/dev/null; then
         cat "$reports"/report.* >&2
         echo "ThreadSanitizer reported the above (files in $reports)" >&2
