@@ -1,6 +1,7 @@
 // Runs the Parcel's read forms, in an order chosen by the input, over bytes chosen by the
 // input. Any read outside the data, any overflow of a length, shows up under ASan/UBSan.
 
+#include <android/log.h>
 #include <binder/Binder.h>
 #include <binder/Parcel.h>
 
@@ -81,6 +82,11 @@ void readOne(uint8_t op, const Parcel& p, FuzzedDataProvider& fdp) {
 }
 
 }  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    __android_log_set_minimum_priority(ANDROID_LOG_SILENT);  // malformed data is logged
+    return 0;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider fdp(data, size);

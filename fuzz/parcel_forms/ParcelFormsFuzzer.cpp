@@ -24,6 +24,7 @@ using namespace morvel::tovarin::binder;
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     TovarinLogger::setGlobalMaxLevel(ANDROID_LOG_SILENT);  // rejected frames are logged
+    __android_log_set_minimum_priority(ANDROID_LOG_SILENT);
     return 0;
 }
 

@@ -1,7 +1,8 @@
 /*
- * Feeds arbitrary requests to the tracking service stub in one process: the code, the token
- * and a sequence of integers, strings and binders (none, foreign, the service itself, a
- * poller token, a state change listener) are all taken from the input.
+ * Feeds arbitrary requests to the tracking service stub in one process: the code, the token,
+ * the transaction flags (one-way or not) and a sequence of integers, strings and binders (none,
+ * foreign, the service itself, a poller token, a state change listener) are all taken from the
+ * input. As on the platform, the stub always gets a reply parcel, one-way calls included.
  *
  * Code 3 is left out: its permission check needs a running runtime, which a fuzzer does not
  * start; the multi-process tests cover it.
@@ -10,6 +11,7 @@
 #include "IStateChangeListener.h"
 #include "ITovarinService.h"
 
+#include <android/log.h>
 #include <binder/Binder.h>
 #include <binder/Parcel.h>
 #include <tovarin/TovarinFacade.h>
@@ -83,13 +85,21 @@ Target& target() {
 
 }  // namespace
 
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    __android_log_set_minimum_priority(ANDROID_LOG_SILENT);  // refused requests are logged
+    return 0;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Target& t = target();
     Input input(data, size);
     uint32_t code = input.take(1) % 18;
     if (code == ITovarinService::SET_ENABLED_STATE) code = ITovarinService::GET_ENABLED;
+    // Bits 0-2: the token (left out one time in eight); bits 3-7: the flags (bit 3: one-way).
+    const uint32_t header = input.take(1);
+    const uint32_t flags = header >> 3;
     Parcel request;
-    if (input.take(1) % 8 != 0) request.writeInterfaceToken(ITovarinService::descriptor);
+    if (header % 8 != 0) request.writeInterfaceToken(ITovarinService::descriptor);
     while (!input.empty()) {
         switch (input.take(1) % 5) {
             case 0:
@@ -112,7 +122,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
     }
     Parcel reply;
-    IInterface::asBinder(t.service)->transact(code, request, &reply, 0);
+    IInterface::asBinder(t.service)->transact(code, request, &reply, flags);
     // Undo what the input acquired so that runs stay independent and bounded.
     if (code == ITovarinService::REGISTER_STATE_CHANGE_LISTENER && reply.dataSize() >= 12) {
         reply.setDataPosition(4);
