@@ -7,6 +7,7 @@ TOVARIN_PACKAGES=(
     build-essential cmake ninja-build pkg-config clang
     libgtest-dev libgmock-dev libbenchmark-dev
     android-libutils-dev android-liblog-dev
+    gnuplot-nox
 )
 
 tovarin_missing_packages() {
