@@ -197,8 +197,8 @@ TEST_F(WorkstationTest, RecordingWritesAHeaderAndOneFlushedRowPerSample) {
     EXPECT_EQ(text.substr(0, text.find('\n')), MotionRecording::kHeader);
     const MotionRecording recording = loadRecording(path);
     ASSERT_GE(recording.samples().size(), 2u);
-    EXPECT_EQ(run.out, "recorded " + std::to_string(recording.samples().size()) +
-                               " samples to " + path + "\n");
+    EXPECT_EQ(run.out, "recorded " + std::to_string(recording.samples().size()) + " samples to " +
+                               path + "\n");
     for (const RecordedSample& sample : recording.samples()) {
         EXPECT_EQ(sample.text, "simulated");
         EXPECT_TRUE(sample.valid);
@@ -207,8 +207,8 @@ TEST_F(WorkstationTest, RecordingWritesAHeaderAndOneFlushedRowPerSample) {
     // Killed in the middle, a recording keeps every row it wrote, each one whole.
     const std::string cut = mDir.file("cut.csv");
     // At 2 rows a second, unflushed rows would sit in the writer's buffer for half a minute.
-    hostbinder_test::ChildProcess recorder({tool("TOVARINCTL"), "track", "600", "--rate", "2",
-                                            "--csv", cut});
+    hostbinder_test::ChildProcess recorder(
+            {tool("TOVARINCTL"), "track", "600", "--rate", "2", "--csv", cut});
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     size_t lines = 0;
     while (lines < 3 && std::chrono::steady_clock::now() < deadline) {
@@ -229,11 +229,12 @@ struct Span {
 
 bool seriesSpans(const std::string& svg, std::map<std::string, Span>* spans) {
     // x tick labels: centred numbers; their positions give the pixels per second.
-    const std::regex tick("translate\\(([-\\d.]+),[-\\d.]+\\)\"[^>]*text-anchor=\"middle\">\\s*"
-                          "<text><tspan[^>]*>\\s*([-\\d.]+)</tspan>");
+    const std::regex tick(
+            "translate\\(([-\\d.]+),[-\\d.]+\\)\"[^>]*text-anchor=\"middle\">\\s*"
+            "<text><tspan[^>]*>\\s*([-\\d.]+)</tspan>");
     std::vector<std::pair<double, double>> ticks;  // (pixel, seconds)
-    for (auto it = std::sregex_iterator(svg.begin(), svg.end(), tick);
-         it != std::sregex_iterator(); ++it) {
+    for (auto it = std::sregex_iterator(svg.begin(), svg.end(), tick); it != std::sregex_iterator();
+         ++it) {
         ticks.emplace_back(std::stod((*it)[1]), std::stod((*it)[2]));
     }
     if (ticks.size() < 2) return false;
@@ -301,8 +302,7 @@ TEST_F(WorkstationTest, PlotDrawsTheThreeAnglesOverTheRecordingsTimeSpan) {
 
 TEST_F(WorkstationTest, ReplayDrivesTheSamplesAndABadFileRegistersNothing) {
     // A separate runtime instance per tovarind, named through the children's environment.
-    hostbinder_test::ChildProcess runtime(
-            {tool("HOSTBINDERD"), "--socket", mDir.file("socket")});
+    hostbinder_test::ChildProcess runtime({tool("HOSTBINDERD"), "--socket", mDir.file("socket")});
     ASSERT_TRUE(runtime.waitForOutput("\n", 10000)) << runtime.output();
     const std::vector<std::string> env = {"HOSTBINDER_SOCKET=" + mDir.file("socket")};
 
@@ -364,10 +364,14 @@ TEST_F(WorkstationTest, EveryFaultKeyShowsFromAClientUntilCleared) {
         std::function<void()> normal;
     } faults[] = {
             {"sim.hardwareState", "0",
-             [&] { EXPECT_NE(ctl({"status", "--json"}).out.find("\"hardwareState\":0}"),
-                             std::string::npos); },
-             [&] { EXPECT_NE(ctl({"status", "--json"}).out.find("\"hardwareState\":1}"),
-                             std::string::npos); }},
+             [&] {
+                 EXPECT_NE(ctl({"status", "--json"}).out.find("\"hardwareState\":0}"),
+                           std::string::npos);
+             },
+             [&] {
+                 EXPECT_NE(ctl({"status", "--json"}).out.find("\"hardwareState\":1}"),
+                           std::string::npos);
+             }},
             {"sim.refuseStart", "1", [&] { trackFails("tovarinctl: start failed: -38\n"); },
              [&] { trackFails(""); }},
             {"sim.failSamples", "1", [&] { trackFails("tovarinctl: sample failed: -110\n"); },

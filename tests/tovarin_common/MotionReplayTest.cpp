@@ -44,8 +44,7 @@ TEST(MotionRecording, RefusesABadFileWithTheLineAndFieldAtFault) {
             {header + "1,0,0,nan,0.5\n", "line 2, field roll_deg: \"nan\" is not a finite number"},
             {header + "5,0,0,0,0.5\n\n5,0,0,0,0.5\n",
              "line 4, field timestamp_ns: 5 is not after the previous 5"},
-            {header + "1.5,0,0,0,0.5\n",
-             "line 2, field timestamp_ns: \"1.5\" is not an integer"},
+            {header + "1.5,0,0,0,0.5\n", "line 2, field timestamp_ns: \"1.5\" is not an integer"},
             {header + "-1,0,0,0,0.5\n", "line 2, field timestamp_ns: -1 is negative"},
             {header + "1,0,0,0,1.5\n", "line 2, field confidence: 1.5 is outside 0..1"},
             {header + "1,0,0\n", "line 2, field roll_deg: missing (3 of the header's 5 fields)"},
@@ -138,7 +137,7 @@ TEST(ReplayMotion, InterpolatesBetweenSamplesAndHoldsOrLoopsAtTheEnd) {
             {false, kSecond, 10, 4, 0.4, true, "b"},
             {false, 2 * kSecond, 0, 2, 0.6, true, "b"},
             {false, 3 * kSecond, -10, 0, 0.8, false, "c"},
-            {false, 60 * kSecond, -10, 0, 0.8, false, "c"},  // holds the last sample
+            {false, 60 * kSecond, -10, 0, 0.8, false, "c"},           // holds the last sample
             {true, 3 * kSecond + kSecond / 2, 5, 3, 0.3, true, "a"},  // starts over
             {true, 8 * kSecond, 0, 2, 0.6, true, "b"},
     };

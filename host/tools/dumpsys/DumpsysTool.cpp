@@ -70,16 +70,16 @@ int DumpsysTool::usageError() {
 
 void DumpsysTool::printUsage(std::ostream& out) {
     out << "usage: dumpsys\n"
-            "         To dump all services.\n"
-            "or:\n"
-            "       dumpsys [-t TIMEOUT] [--help | -l | --skip SERVICES | SERVICE [ARGS]]\n"
-            "         --help: shows this help\n"
-            "         -l: only list services, do not dump them\n"
-            "         -t TIMEOUT_SEC: TIMEOUT to use in seconds instead of default 10 seconds\n"
-            "         -T TIMEOUT_MS: TIMEOUT to use in milliseconds instead of default 10 "
-            "seconds\n"
-            "         --skip SERVICES: dumps all services but SERVICES (comma-separated list)\n"
-            "         SERVICE [ARGS]: dumps only service SERVICE, optionally passing ARGS to it\n";
+           "         To dump all services.\n"
+           "or:\n"
+           "       dumpsys [-t TIMEOUT] [--help | -l | --skip SERVICES | SERVICE [ARGS]]\n"
+           "         --help: shows this help\n"
+           "         -l: only list services, do not dump them\n"
+           "         -t TIMEOUT_SEC: TIMEOUT to use in seconds instead of default 10 seconds\n"
+           "         -T TIMEOUT_MS: TIMEOUT to use in milliseconds instead of default 10 "
+           "seconds\n"
+           "         --skip SERVICES: dumps all services but SERVICES (comma-separated list)\n"
+           "         SERVICE [ARGS]: dumps only service SERVICE, optionally passing ARGS to it\n";
 }
 
 int DumpsysTool::main(int argc, char* const argv[]) {

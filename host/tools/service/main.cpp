@@ -8,7 +8,8 @@
 
 int main(int argc, char* argv[]) {
     // The service manager is asked for only once the command line has been read.
-    const android::ServiceTool::ServiceManagerSource serviceManager = android::defaultServiceManager;
+    const android::ServiceTool::ServiceManagerSource serviceManager =
+            android::defaultServiceManager;
     android::ServiceTool tool(serviceManager, std::cout, std::cerr);
     return tool.main(argc, argv);
 }

@@ -53,10 +53,11 @@ void usage(FILE* out) {
             "  --loop           start the replay over when it ends\n");
 }
 
+// A finite number of moderate size (the facade clamps it to its own range).
 bool parseNumber(const char* text, double* out) {
     char* end = nullptr;
     *out = strtod(text, &end);
-    return end != text && *end == '\0';
+    return end != text && *end == '\0' && *out >= -1e6 && *out <= 1e6;
 }
 
 }  // namespace
@@ -66,27 +67,33 @@ int main(int argc, char** argv) {
     const char* replayPath = nullptr;
     bool loop = false;
     for (int i = 1; i < argc; ++i) {
-        const bool hasValue = i + 1 < argc;
+        const char* const option = argv[i];
+        const char* const value = i + 1 < argc ? argv[i + 1] : nullptr;
+        const bool takesNumber =
+                strcmp(option, "--trackers") == 0 || strcmp(option, "--raw-rate") == 0;
         double number = 0;
-        if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0) {
+        if (strcmp(option, "--help") == 0 || strcmp(option, "-h") == 0) {
             usage(stdout);
             return 0;
-        } else if (strcmp(argv[i], "--trackers") == 0 && hasValue &&
-                   parseNumber(argv[i + 1], &number)) {
+        } else if (takesNumber && (value == nullptr || !parseNumber(value, &number))) {
+            fprintf(stderr, "tovarind: %s needs a number\n", option);
+            usage(stderr);
+            return 2;
+        } else if (strcmp(option, "--trackers") == 0) {
             options.trackerCount = static_cast<int32_t>(number);
             ++i;
-        } else if (strcmp(argv[i], "--raw-rate") == 0 && hasValue &&
-                   parseNumber(argv[i + 1], &number)) {
+        } else if (strcmp(option, "--raw-rate") == 0) {
             options.rawFrameRateHz = number;
             ++i;
-        } else if (strcmp(argv[i], "--disabled") == 0) {
+        } else if (strcmp(option, "--disabled") == 0) {
             options.enabled = false;
-        } else if (strcmp(argv[i], "--replay") == 0 && hasValue) {
-            replayPath = argv[++i];
-        } else if (strcmp(argv[i], "--loop") == 0) {
+        } else if (strcmp(option, "--replay") == 0 && value != nullptr) {
+            replayPath = value;
+            ++i;
+        } else if (strcmp(option, "--loop") == 0) {
             loop = true;
         } else {
-            fprintf(stderr, "tovarind: unexpected argument: %s\n", argv[i]);
+            fprintf(stderr, "tovarind: unexpected argument: %s\n", option);
             usage(stderr);
             return 2;
         }
@@ -103,9 +110,9 @@ int main(int argc, char** argv) {
             fprintf(stderr, "tovarind: cannot replay %s: %s\n", replayPath, error.c_str());
             return 1;
         }
-        printf("tovarind: replaying %zu samples (%.3f s) from %s%s\n",
-               recording.samples().size(), static_cast<double>(recording.durationNs()) / 1e9,
-               replayPath, loop ? ", looping" : "");
+        printf("tovarind: replaying %zu samples (%.3f s) from %s%s\n", recording.samples().size(),
+               static_cast<double>(recording.durationNs()) / 1e9, replayPath,
+               loop ? ", looping" : "");
         options.motion = std::make_shared<const ReplayMotion>(std::move(recording), loop);
     }
 

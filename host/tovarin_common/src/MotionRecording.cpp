@@ -15,9 +15,8 @@ namespace tovarin {
 namespace {
 
 enum Column { kTimestamp, kYaw, kPitch, kRoll, kConfidence, kValid, kHighConfidence, kText };
-constexpr const char* kColumnNames[] = {"timestamp_ns", "yaw_deg",         "pitch_deg",
-                                        "roll_deg",     "confidence",      "valid",
-                                        "high_confidence", "text"};
+constexpr const char* kColumnNames[] = {"timestamp_ns", "yaw_deg", "pitch_deg",       "roll_deg",
+                                        "confidence",   "valid",   "high_confidence", "text"};
 constexpr size_t kColumnCount = sizeof(kColumnNames) / sizeof(kColumnNames[0]);
 constexpr size_t kRequiredColumns = kConfidence + 1;  // the first five
 constexpr size_t kMaxTextBytes = 255;
@@ -113,8 +112,10 @@ std::string MotionRecording::formatRow(const HeadTrackingEvent& event) {
         // Line breaks cannot be represented in one row: they become spaces.
         row += '"';
         for (char c : text) {
-            if (c == '"') row += "\"\"";
-            else row += (c == '\r' || c == '\n') ? ' ' : c;
+            if (c == '"')
+                row += "\"\"";
+            else
+                row += (c == '\r' || c == '\n') ? ' ' : c;
         }
         row += '"';
     }
@@ -160,8 +161,8 @@ bool MotionRecording::parse(const std::string& text, MotionRecording* out, std::
                     return false;
                 }
                 if (columnOf[column] >= 0) {
-                    *error = where + ", field " + std::to_string(i + 1) + ": column " +
-                             fields[i] + " appears twice";
+                    *error = where + ", field " + std::to_string(i + 1) + ": column " + fields[i] +
+                             " appears twice";
                     return false;
                 }
                 columnOf[column] = static_cast<int>(i);
@@ -186,7 +187,8 @@ bool MotionRecording::parse(const std::string& text, MotionRecording* out, std::
             // Names the first field that is missing, or the first one too many.
             std::string name = std::to_string(headerFields + 1);
             for (size_t column = 0; column < kColumnCount; ++column) {
-                if (columnOf[column] == static_cast<int>(fields.size())) name = kColumnNames[column];
+                if (columnOf[column] == static_cast<int>(fields.size()))
+                    name = kColumnNames[column];
             }
             *error = where + ", field " + name + ": " +
                      (fields.size() < headerFields ? "missing" : "one too many") + " (" +
@@ -239,8 +241,7 @@ bool MotionRecording::parse(const std::string& text, MotionRecording* out, std::
         if (columnOf[kText] >= 0) {
             sample.text = field(kText);
             if (sample.text.size() > kMaxTextBytes) {
-                return fieldError(kText, "longer than " + std::to_string(kMaxTextBytes) +
-                                                 " bytes");
+                return fieldError(kText, "longer than " + std::to_string(kMaxTextBytes) + " bytes");
             }
         }
         samples.push_back(std::move(sample));

@@ -164,9 +164,9 @@ void TovarinFacade::onOverrideChanged(const std::string& key) {
         mFaults = faults;
         mFaults.stallUntil = stallUntil;
         if (stallChanged) {
-            mFaults.stallUntil = stall ? std::chrono::steady_clock::now() +
-                                                 std::chrono::milliseconds(stallMs)
-                                       : std::chrono::steady_clock::time_point();
+            mFaults.stallUntil =
+                    stall ? std::chrono::steady_clock::now() + std::chrono::milliseconds(stallMs)
+                          : std::chrono::steady_clock::time_point();
         }
     }
     mStateCond.notify_all();
