@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ctype.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -23,7 +24,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -182,11 +182,18 @@ TEST(ToolConventions, HelpOnStdoutWithStatus0AndUsageErrorsOnStderrWithStatus2) 
 TEST_F(WorkstationTest, StatusJsonIsOneObject) {
     const ProgramRun run = ctl({"status", "--json"});
     ASSERT_EQ(run.status, 0) << run.err;
-    EXPECT_TRUE(std::regex_match(
-            run.out, std::regex("\\{\"service\":\"morvel\\.tovarin\\.service\",\"running\":true,"
-                                "\"enabled\":(true|false),\"trackingState\":\\{\"primary\":\\d+,"
-                                "\"secondary\":\\d+\\},\"hardwareState\":\\d+\\}\n")))
-            << run.out;
+    // The object's shape, with numbers as N.
+    std::string shape;
+    for (size_t i = 0; i < run.out.size(); ++i) {
+        if (!isdigit(static_cast<unsigned char>(run.out[i]))) {
+            shape += run.out[i];
+        } else if (shape.empty() || shape.back() != 'N') {
+            shape += 'N';
+        }
+    }
+    EXPECT_EQ(shape,
+              "{\"service\":\"morvel.tovarin.service\",\"running\":true,\"enabled\":true,"
+              "\"trackingState\":{\"primary\":N,\"secondary\":N},\"hardwareState\":N}\n");
 }
 
 TEST_F(WorkstationTest, RecordingWritesAHeaderAndOneFlushedRowPerSample) {
@@ -227,15 +234,39 @@ struct Span {
     double first = 0, last = 0;
 };
 
+// The x of each "x,y" point in a path's data.
+std::vector<double> pointXs(const std::string& d) {
+    std::vector<double> xs;
+    for (size_t at = 0; (at = d.find(',', at)) != std::string::npos; ++at) {
+        size_t start = at;
+        while (start > 0 && (isdigit(static_cast<unsigned char>(d[start - 1])) ||
+                             d[start - 1] == '.' || d[start - 1] == '-')) {
+            --start;
+        }
+        xs.push_back(strtod(d.c_str() + start, nullptr));
+    }
+    return xs;
+}
+
 bool seriesSpans(const std::string& svg, std::map<std::string, Span>* spans) {
-    // x tick labels: centred numbers; their positions give the pixels per second.
-    const std::regex tick(
-            "translate\\(([-\\d.]+),[-\\d.]+\\)\"[^>]*text-anchor=\"middle\">\\s*"
-            "<text><tspan[^>]*>\\s*([-\\d.]+)</tspan>");
+    // x tick labels are the centred numbers; their positions give the pixels per second.
     std::vector<std::pair<double, double>> ticks;  // (pixel, seconds)
-    for (auto it = std::sregex_iterator(svg.begin(), svg.end(), tick); it != std::sregex_iterator();
-         ++it) {
-        ticks.emplace_back(std::stod((*it)[1]), std::stod((*it)[2]));
+    const std::string translate = "<g transform=\"translate(";
+    for (size_t at = 0; (at = svg.find(translate, at)) != std::string::npos; ++at) {
+        const size_t tagEnd = svg.find('>', at);
+        const size_t text = svg.find("<text><tspan", tagEnd);
+        const size_t value = svg.find('>', text + 12);
+        const size_t valueEnd = svg.find("</tspan>", value);
+        if (tagEnd == std::string::npos || valueEnd == std::string::npos ||
+            svg.substr(at, tagEnd - at).find("text-anchor=\"middle\"") == std::string::npos ||
+            svg.find_first_not_of(" \t\n", tagEnd + 1) != text) {
+            continue;
+        }
+        const std::string label = svg.substr(value + 1, valueEnd - value - 1);
+        char* end = nullptr;
+        const double seconds = strtod(label.c_str(), &end);
+        if (end == label.c_str() || *end != '\0') continue;
+        ticks.emplace_back(strtod(svg.c_str() + at + translate.size(), nullptr), seconds);
     }
     if (ticks.size() < 2) return false;
     const auto [x0, t0] = ticks.front();
@@ -243,19 +274,14 @@ bool seriesSpans(const std::string& svg, std::map<std::string, Span>* spans) {
     const double secondsPerPixel = (t1 - t0) / (x1 - x0);
     for (const char* name : {"yaw", "pitch", "roll"}) {
         const size_t group = svg.find(std::string("<title>") + name + "</title>");
-        if (group == std::string::npos) return false;
-        // The series' path: after the key's short sample line ("M.. L.." then " M").
-        const std::regex path("<path stroke='[^']*'\\s+d='M[-\\d.,]+ L[-\\d.,]+ M([^']*)'");
-        std::smatch match;
-        const std::string rest = svg.substr(group);
-        if (!std::regex_search(rest, match, path)) return false;
-        std::vector<double> xs;
-        const std::regex point("([-\\d.]+),[-\\d.]+");
-        const std::string d = match[1];
-        for (auto it = std::sregex_iterator(d.begin(), d.end(), point);
-             it != std::sregex_iterator(); ++it) {
-            xs.push_back(std::stod((*it)[1]));
-        }
+        const size_t path = svg.find(" d='M", group);
+        const size_t pathEnd = svg.find('\'', path + 5);
+        if (group == std::string::npos || pathEnd == std::string::npos) return false;
+        // The series itself follows the key's short sample line: the second "M".
+        const std::string d = svg.substr(path + 4, pathEnd - path - 4);
+        const size_t series = d.find('M', 1);
+        if (series == std::string::npos) return false;
+        const std::vector<double> xs = pointXs(d.substr(series));
         if (xs.empty()) return false;
         Span span;
         span.first = t0 + (*std::min_element(xs.begin(), xs.end()) - x0) * secondsPerPixel;

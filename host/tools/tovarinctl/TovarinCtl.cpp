@@ -187,8 +187,8 @@ void TovarinCtl::requestStop() {
     sStopRequested.store(true);
 }
 
-int TovarinCtl::usage(FILE* out) {
-    fprintf(out != nullptr ? out : mErr,
+int TovarinCtl::usage(bool asked) {
+    fprintf(asked ? mOut : mErr,
             "usage: tovarinctl status [--json]\n"
             "       tovarinctl enable 0|1\n"
             "       tovarinctl track [SECONDS] [--rate HZ] [--csv FILE]\n"
@@ -198,7 +198,7 @@ int TovarinCtl::usage(FILE* out) {
             "       tovarinctl diag get TYPE [KEY] | set TYPE KEY VALUE\n"
             "       tovarinctl --help\n"
             "Faults of the simulated tracker are overrides under sim. (docs/simulator.md).\n");
-    return out == mOut ? 0 : 2;
+    return asked ? 0 : 2;
 }
 
 int TovarinCtl::run(int argc, const char* const* argv) {
@@ -206,7 +206,7 @@ int TovarinCtl::run(int argc, const char* const* argv) {
     const std::string command = argv[1];
     const Args args(argv + 2, argv + argc);
     if ((command == "--help" || command == "-h" || command == "help") && args.empty()) {
-        return usage(mOut);
+        return usage(true);
     }
     if (command == "status") return status(args);
     if (command == "enable") return enable(args);

@@ -57,7 +57,8 @@ public:
 private:
     typedef std::vector<std::string> Args;
 
-    int usage(FILE* out = nullptr);
+    // The usage on the output when asked for (status 0), else on the error stream (status 2).
+    int usage(bool asked = false);
     android::sp<TovarinServiceImpl> service();
     android::sp<ITovarinDebug> debug();
 
