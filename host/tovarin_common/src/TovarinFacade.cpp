@@ -171,7 +171,20 @@ void TovarinFacade::onOverrideChanged(const std::string& key) {
     }
     mStateCond.notify_all();
     mRawCond.notify_all();
-    if (!key.empty() && TovarinLogger::getInstance()->shouldLog(kLogTag, 4)) {
+    if (key.empty()) return;
+    bool known = false;
+    for (const char* name : {kSimHardwareState, kSimRefuseStart, kSimFailSamples, kSimConfidence,
+                             kSimStallEventsMs}) {
+        known = known || key == name;
+    }
+    if (!known) {
+        if (TovarinLogger::getInstance()->shouldLog(kLogTag, 5)) {
+            rendel_log_write2(5, &sLogState, 2, kLogTag, "%s is not a fault the tracker knows",
+                              key.c_str());
+        }
+        return;
+    }
+    if (TovarinLogger::getInstance()->shouldLog(kLogTag, 4)) {
         std::string text;
         const bool set = TovarinOverrides::getInstance()->get(key.c_str(), &text);
         rendel_log_write2(4, &sLogState, 2, kLogTag, "fault %s %s%s", key.c_str(),
