@@ -53,11 +53,11 @@
  *
  * Faults on demand: keys under "sim." in the overrides store (TovarinOverrides) make the
  * simulated tracker misbehave while they are set; the facade watches the store, so a change
- * takes effect at once, in whatever process thread made it (the debug interface included):
+ * takes effect at once, whoever changed the store (the debug interface included):
  *   sim.hardwareState N   getHardwareState() reports N (0 OFF, 1 IDLE, 2 STREAMING)
  *   sim.refuseStart 1     start() of a known handle fails with INVALID_OPERATION
- *   sim.failSamples N     every Nth sample() of a STARTED tracker fails with TIMED_OUT
- *                         (1: all of them), the event left as it was
+ *   sim.failSamples N     every Nth sample() of a STARTED tracker, counted from the change of
+ *                         the key, fails with TIMED_OUT (1: all of them), the event left as it was
  *   sim.confidence C      confidence is at most C (0..1) in samples and raw data events;
  *                         flag1 then follows it (C >= 0.85)
  *   sim.stallEventsMs N   no event is delivered for N ms from the moment the key is set
