@@ -8,6 +8,7 @@ TOVARIN_PACKAGES=(
     libgtest-dev libgmock-dev libbenchmark-dev
     android-libutils-dev android-liblog-dev
     blueprint-tools android-platform-frameworks-native-headers
+    gnuplot-nox
 )
 
 # The 32-bit ARM build and its run under qemu-user (scripts/test-armhf.sh): a cross compiler and

@@ -133,9 +133,11 @@ TEST_F(DumpsysToolTest, BadCommandLinesExplainThemselves) {
         ToolRun r = dumpsys(c.args);
         EXPECT_EQ(r.status, DumpsysTool::kExitUsage);
         EXPECT_EQ(r.err.rfind(c.error, 0), 0u) << r.err;
+        EXPECT_EQ(r.err.find("usage: dumpsys"), c.error.size()) << r.err;
         EXPECT_EQ(r.out, "");
     }
     ToolRun help = dumpsys({"--help"});
     EXPECT_EQ(help.status, 0);
-    EXPECT_EQ(help.err.rfind("usage: dumpsys", 0), 0u);
+    EXPECT_EQ(help.out.rfind("usage: dumpsys", 0), 0u);
+    EXPECT_EQ(help.err, "");
 }

@@ -132,17 +132,18 @@ TEST_F(ServiceToolTest, BadCommandLinesExplainThemselves) {
         bool usage;
     };
     const Case cases[] = {
-            {{}, 0, "", true},
-            {{"bogus"}, 10, "service: Unknown command bogus\n", true},
-            {{"check"}, 10, "service: No service specified for check\n", true},
-            {{"call", "tools.echo"}, 10, "service: No code specified for call\n", true},
-            {{"call", "tools.echo", "one"}, 10, "service: Bad code one\n", true},
-            {{"call", "tools.echo", "1", "i32"}, 10,
-             "service: no integer supplied for 'i32'\n", true},
-            {{"call", "tools.echo", "1", "x", "1"}, 10, "service: unknown option x\n", true},
-            {{"call", "tools.missing", "1"}, 10,
+            {{}, 2, "service: No command given\n", true},
+            {{"bogus"}, 2, "service: Unknown command bogus\n", true},
+            {{"-x", "list"}, 2, "service: Unknown option -x\n", true},
+            {{"check"}, 2, "service: No service specified for check\n", true},
+            {{"call", "tools.echo"}, 2, "service: No code specified for call\n", true},
+            {{"call", "tools.echo", "one"}, 2, "service: Bad code one\n", true},
+            {{"call", "tools.echo", "1", "i32"}, 2, "service: no integer supplied for 'i32'\n",
+             true},
+            {{"call", "tools.echo", "1", "x", "1"}, 2, "service: unknown option x\n", true},
+            {{"call", "tools.missing", "1"}, 1,
              "service: Service tools.missing does not exist\n", false},
-            {{"call", "tools.other", "1"}, 10, "service: Service tools.other does not exist\n",
+            {{"call", "tools.other", "1"}, 1, "service: Service tools.other does not exist\n",
              false},
     };
     for (const Case& c : cases) {
@@ -151,7 +152,13 @@ TEST_F(ServiceToolTest, BadCommandLinesExplainThemselves) {
         SCOPED_TRACE(line);
         ToolRun r = service(c.args);
         EXPECT_EQ(r.status, c.status);
-        EXPECT_EQ(r.err, c.error);
-        EXPECT_EQ(r.out.rfind("Usage: service", 0) == 0, c.usage) << r.out;
+        // The complaint first, then (for a malformed command line) the usage, all on stderr.
+        EXPECT_EQ(r.err.rfind(c.error, 0), 0u) << r.err;
+        EXPECT_EQ(r.err.find("Usage: service") == c.error.size(), c.usage) << r.err;
+        EXPECT_EQ(r.out, "");
     }
+    ToolRun help = service({"--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(help.out.rfind("Usage: service", 0), 0u) << help.out;
+    EXPECT_EQ(help.err, "");
 }

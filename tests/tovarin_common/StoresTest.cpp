@@ -187,6 +187,25 @@ TEST_F(StoresTest, ConcurrentWritersReadersAndClearers) {
     }
 }
 
+// Observers hear of each change after it is made (the new value is already readable), and of
+// nothing once removed; a refused write or the clearing of an absent key is no change.
+TEST_F(StoresTest, ObserversHearOfEveryChangeUntilRemoved) {
+    TovarinOverrides* store = TovarinOverrides::getInstance();
+    std::vector<std::string> heard;
+    const int id = store->addObserver([&](const std::string& key) {
+        std::string value;
+        heard.push_back(key + (store->get(key.c_str(), &value) ? "=" + value : " gone"));
+    });
+    store->set("sim.a", "1");
+    store->set("bad\nkey", "1");
+    store->clear("absent");
+    store->clear("sim.a");
+    store->clearAll();
+    store->removeObserver(id);
+    store->set("sim.b", "2");
+    EXPECT_EQ(heard, (std::vector<std::string>{"sim.a=1", "sim.a gone", " gone"}));
+}
+
 }  // namespace
 }  // namespace tovarin
 }  // namespace morvel

@@ -60,26 +60,29 @@ const char DumpsysTool::kSeparator[] =
 DumpsysTool::DumpsysTool(const sp<IServiceManager>& sm, std::ostream& out, std::ostream& err)
       : mSm(sm), mOut(out), mErr(err) {}
 
-void DumpsysTool::printUsage() {
-    mErr << "usage: dumpsys\n"
-            "         To dump all services.\n"
-            "or:\n"
-            "       dumpsys [-t TIMEOUT] [--help | -l | --skip SERVICES | SERVICE [ARGS]]\n"
-            "         --help: shows this help\n"
-            "         -l: only list services, do not dump them\n"
-            "         -t TIMEOUT_SEC: TIMEOUT to use in seconds instead of default 10 seconds\n"
-            "         -T TIMEOUT_MS: TIMEOUT to use in milliseconds instead of default 10 "
-            "seconds\n"
-            "         --skip SERVICES: dumps all services but SERVICES (comma-separated list)\n"
-            "         SERVICE [ARGS]: dumps only service SERVICE, optionally passing ARGS to it\n";
+DumpsysTool::DumpsysTool(ServiceManagerSource source, std::ostream& out, std::ostream& err)
+      : mSource(std::move(source)), mOut(out), mErr(err) {}
+
+int DumpsysTool::usageError() {
+    printUsage(mErr);
+    return kExitUsage;
+}
+
+void DumpsysTool::printUsage(std::ostream& out) {
+    out << "usage: dumpsys\n"
+           "         To dump all services.\n"
+           "or:\n"
+           "       dumpsys [-t TIMEOUT] [--help | -l | --skip SERVICES | SERVICE [ARGS]]\n"
+           "         --help: shows this help\n"
+           "         -l: only list services, do not dump them\n"
+           "         -t TIMEOUT_SEC: TIMEOUT to use in seconds instead of default 10 seconds\n"
+           "         -T TIMEOUT_MS: TIMEOUT to use in milliseconds instead of default 10 "
+           "seconds\n"
+           "         --skip SERVICES: dumps all services but SERVICES (comma-separated list)\n"
+           "         SERVICE [ARGS]: dumps only service SERVICE, optionally passing ARGS to it\n";
 }
 
 int DumpsysTool::main(int argc, char* const argv[]) {
-    if (mSm == nullptr) {
-        mErr << "dumpsys: Unable to get default service manager!" << std::endl;
-        return kExitNoServiceManager;
-    }
-
     bool listOnly = false;
     bool skipMode = false;
     std::set<std::string> skipped;
@@ -88,7 +91,7 @@ int DumpsysTool::main(int argc, char* const argv[]) {
     for (; i < argc && argv[i][0] == '-'; ++i) {
         const char* const option = argv[i];
         if (strcmp(option, "--help") == 0 || strcmp(option, "-h") == 0) {
-            printUsage();
+            printUsage(mOut);
             return 0;
         } else if (strcmp(option, "-l") == 0) {
             listOnly = true;
@@ -97,20 +100,18 @@ int DumpsysTool::main(int argc, char* const argv[]) {
         } else if (strcmp(option, "-t") == 0 || strcmp(option, "-T") == 0) {
             if (i + 1 >= argc) {
                 mErr << "Error: missing timeout value" << std::endl;
-                printUsage();
-                return kExitUsage;
+                return usageError();
             }
             char* end = nullptr;
             const long long value = strtoll(argv[++i], &end, 10);
             if (end == argv[i] || *end != '\0' || value <= 0 || value > 24LL * 3600 * 1000) {
                 mErr << "Error: invalid timeout number: '" << argv[i] << "'" << std::endl;
-                return kExitUsage;
+                return usageError();
             }
             mTimeout = std::chrono::milliseconds(option[1] == 't' ? value * 1000 : value);
         } else {
             mErr << "Unknown option " << option << std::endl;
-            printUsage();
-            return kExitUsage;
+            return usageError();
         }
     }
 
@@ -119,10 +120,14 @@ int DumpsysTool::main(int argc, char* const argv[]) {
     if (skipMode) {
         if (i >= argc) {
             mErr << "--skip needs a list of services" << std::endl;
-            printUsage();
-            return kExitUsage;
+            return usageError();
         }
         skipped = splitNames(argv[i++]);
+    }
+    if (mSm == nullptr && mSource) mSm = mSource();
+    if (mSm == nullptr) {
+        mErr << "dumpsys: Unable to get default service manager!" << std::endl;
+        return kExitNoServiceManager;
     }
     if (i < argc && !skipMode && !listOnly) {
         services.add(String16(argv[i++]));

@@ -11,6 +11,9 @@
 int main(int argc, char* argv[]) {
     // A service writing into a closed pipe must not kill this tool.
     signal(SIGPIPE, SIG_IGN);
-    android::DumpsysTool tool(android::defaultServiceManager(), std::cout, std::cerr);
+    // The service manager is asked for only once the command line has been read.
+    const android::DumpsysTool::ServiceManagerSource serviceManager =
+            android::defaultServiceManager;
+    android::DumpsysTool tool(serviceManager, std::cout, std::cerr);
     return tool.main(argc, argv);
 }

@@ -8,8 +8,12 @@
 
 #include <string>
 
-static void usage() {
-    fprintf(stderr, "usage: hostbinderd [--socket PATH] [--permissions FILE]\n");
+static void usage(FILE* out) {
+    fprintf(out,
+            "usage: hostbinderd [--socket PATH] [--permissions FILE]\n"
+            "  --socket PATH        the instance's socket (default $HOSTBINDER_SOCKET, now %s)\n"
+            "  --permissions FILE   policy lines \"<uid> <permission>\" (* matches any)\n",
+            android::hostbinder::instanceSocketPath());
 }
 
 int main(int argc, char** argv) {
@@ -21,10 +25,11 @@ int main(int argc, char** argv) {
         } else if (strcmp(arg, "--permissions") == 0 && i + 1 < argc) {
             options.permissionsFile = argv[++i];
         } else if (strcmp(arg, "--help") == 0 || strcmp(arg, "-h") == 0) {
-            usage();
+            usage(stdout);
             return 0;
         } else {
-            usage();
+            fprintf(stderr, "hostbinderd: unexpected argument: %s\n", arg);
+            usage(stderr);
             return 2;
         }
     }

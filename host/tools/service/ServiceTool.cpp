@@ -10,6 +10,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <utility>
+
 namespace android {
 
 namespace {
@@ -68,6 +70,9 @@ std::string hexLine(const uint8_t* line, size_t count, bool padded) {
 ServiceTool::ServiceTool(const sp<IServiceManager>& sm, std::ostream& out, std::ostream& err)
       : mSm(sm), mOut(out), mErr(err) {}
 
+ServiceTool::ServiceTool(ServiceManagerSource source, std::ostream& out, std::ostream& err)
+      : mSource(std::move(source)), mOut(out), mErr(err) {}
+
 std::string ServiceTool::formatParcel(const Parcel& parcel) {
     std::string text = "Parcel(";
     if (status_t err = parcel.errorCheck(); err != NO_ERROR) {
@@ -112,59 +117,60 @@ std::string ServiceTool::formatParcel(const Parcel& parcel) {
     return text;
 }
 
-void ServiceTool::printUsage() {
-    mOut << "Usage: service [-h|-?]\n"
-            "       service list\n"
-            "       service check SERVICE\n"
-            "       service call SERVICE CODE [i32 N | i64 N | f N | d N | s16 STR | null] ...\n"
-            "Options:\n"
-            "   i32: Write the 32-bit integer N into the send parcel.\n"
-            "   i64: Write the 64-bit integer N into the send parcel.\n"
-            "   f:   Write the 32-bit single-precision number N into the send parcel.\n"
-            "   d:   Write the 64-bit double-precision number N into the send parcel.\n"
-            "   s16: Write the UTF-16 string STR into the send parcel.\n"
-            "  null: Write a null binder into the send parcel.\n";
+void ServiceTool::printUsage(std::ostream& out) {
+    out << "Usage: service [-h|-?|--help]\n"
+           "       service list\n"
+           "       service check SERVICE\n"
+           "       service call SERVICE CODE [i32 N | i64 N | f N | d N | s16 STR | null] ...\n"
+           "Options:\n"
+           "   i32: Write the 32-bit integer N into the send parcel.\n"
+           "   i64: Write the 64-bit integer N into the send parcel.\n"
+           "   f:   Write the 32-bit single-precision number N into the send parcel.\n"
+           "   d:   Write the 64-bit double-precision number N into the send parcel.\n"
+           "   s16: Write the UTF-16 string STR into the send parcel.\n"
+           "  null: Write a null binder into the send parcel.\n";
+}
+
+int ServiceTool::usageError() {
+    printUsage(mErr);
+    return kExitUsage;
 }
 
 int ServiceTool::main(int argc, char* const argv[]) {
+    int first = 1;
+    // Options come before the command.
+    for (; first < argc && argv[first][0] == '-'; ++first) {
+        if (strcmp(argv[first], "-h") == 0 || strcmp(argv[first], "-?") == 0 ||
+            strcmp(argv[first], "--help") == 0) {
+            printUsage(mOut);
+            return 0;
+        }
+        mErr << "service: Unknown option " << argv[first] << std::endl;
+        return usageError();
+    }
+    if (first >= argc) {
+        mErr << "service: No command given" << std::endl;
+        return usageError();
+    }
+    const char* const command = argv[first++];
+    const bool isList = strcmp(command, "list") == 0;
+    const bool isCheck = strcmp(command, "check") == 0;
+    if (!isList && !isCheck && strcmp(command, "call") != 0) {
+        mErr << "service: Unknown command " << command << std::endl;
+        return usageError();
+    }
+    if (isCheck && first >= argc) {
+        mErr << "service: No service specified for check" << std::endl;
+        return usageError();
+    }
+    if (mSm == nullptr && mSource) mSm = mSource();
     if (mSm == nullptr) {
         mErr << "service: Unable to get default service manager!" << std::endl;
         return kExitNoServiceManager;
     }
-    int first = 1;
-    bool wantsUsage = false;
-    int result = 0;
-    // Options come before the command.
-    for (; first < argc && argv[first][0] == '-'; ++first) {
-        if (strcmp(argv[first], "-h") == 0 || strcmp(argv[first], "-?") == 0) {
-            wantsUsage = true;
-        } else {
-            mErr << "service: Unknown option " << argv[first] << std::endl;
-            wantsUsage = true;
-            result = kExitUsage;
-        }
-    }
-    if (first >= argc) {
-        wantsUsage = true;
-    } else if (!wantsUsage) {
-        const char* const command = argv[first++];
-        if (strcmp(command, "list") == 0) {
-            return list();
-        } else if (strcmp(command, "check") == 0) {
-            if (first < argc) return check(argv[first]);
-            mErr << "service: No service specified for check" << std::endl;
-            wantsUsage = true;
-            result = kExitUsage;
-        } else if (strcmp(command, "call") == 0) {
-            result = call(argc, argv, first, &wantsUsage);
-        } else {
-            mErr << "service: Unknown command " << command << std::endl;
-            wantsUsage = true;
-            result = kExitUsage;
-        }
-    }
-    if (wantsUsage) printUsage();
-    return result;
+    if (isList) return list();
+    if (isCheck) return check(argv[first]);
+    return call(argc, argv, first);
 }
 
 int ServiceTool::list() {
@@ -184,17 +190,16 @@ int ServiceTool::check(const char* name) {
     return 0;
 }
 
-int ServiceTool::call(int argc, char* const argv[], int first, bool* wantsUsage) {
+int ServiceTool::call(int argc, char* const argv[], int first) {
     // Malformed command lines print the usage; a missing service does not.
-    *wantsUsage = true;
     if (first >= argc) {
         mErr << "service: No service specified for call" << std::endl;
-        return kExitUsage;
+        return usageError();
     }
     const char* const name = argv[first++];
     if (first >= argc) {
         mErr << "service: No code specified for call" << std::endl;
-        return kExitUsage;
+        return usageError();
     }
     const char* const codeText = argv[first++];
     char* end = nullptr;
@@ -202,15 +207,14 @@ int ServiceTool::call(int argc, char* const argv[], int first, bool* wantsUsage)
     const long long code = strtoll(codeText, &end, 0);
     if (end == codeText || *end != '\0' || code < 0 || code > static_cast<long long>(UINT32_MAX)) {
         mErr << "service: Bad code " << codeText << std::endl;
-        return kExitUsage;
+        return usageError();
     }
 
     sp<IBinder> service = mSm->checkService(String16(name));
     const String16 descriptor = interfaceName(service);
     if (service == nullptr || descriptor.size() == 0) {
-        *wantsUsage = false;
         mErr << "service: Service " << name << " does not exist" << std::endl;
-        return kExitUsage;
+        return kExitNotFound;
     }
 
     Parcel data, reply;
@@ -241,11 +245,11 @@ int ServiceTool::call(int argc, char* const argv[], int first, bool* wantsUsage)
             missing = "string";
         } else {
             mErr << "service: unknown option " << type << std::endl;
-            return kExitUsage;
+            return usageError();
         }
         if (!hasValue) {
             mErr << "service: no " << missing << " supplied for '" << type << "'" << std::endl;
-            return kExitUsage;
+            return usageError();
         }
         ++first;
     }
@@ -255,7 +259,6 @@ int ServiceTool::call(int argc, char* const argv[], int first, bool* wantsUsage)
         // The reply is printed in error, so a failed call reads as such.
         reply.setError(err);
     }
-    *wantsUsage = false;
     mOut << "Result: " << formatParcel(reply) << std::endl;
     return 0;
 }

@@ -7,6 +7,9 @@
 #include <iostream>
 
 int main(int argc, char* argv[]) {
-    android::ServiceTool tool(android::defaultServiceManager(), std::cout, std::cerr);
+    // The service manager is asked for only once the command line has been read.
+    const android::ServiceTool::ServiceManagerSource serviceManager =
+            android::defaultServiceManager;
+    android::ServiceTool tool(serviceManager, std::cout, std::cerr);
     return tool.main(argc, argv);
 }

@@ -17,15 +17,21 @@ bool KeyValueStore::get(const char* key, std::string* out) const {
 int KeyValueStore::set(const char* key, const char* value) {
     if (!mWritable || key == nullptr || value == nullptr || key[0] == '\0') return -1;
     if (strpbrk(key, "=\n") != nullptr || strchr(value, '\n') != nullptr) return -1;
-    std::lock_guard<std::mutex> lock(mLock);
-    mValues[key] = value;
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        mValues[key] = value;
+    }
+    notify(key);
     return 0;
 }
 
 void KeyValueStore::clear(const char* key) {
     if (key == nullptr) return;
-    std::lock_guard<std::mutex> lock(mLock);
-    mValues.erase(key);
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        if (mValues.erase(key) == 0) return;
+    }
+    notify(key);
 }
 
 android::String8 KeyValueStore::toString() const {
@@ -48,8 +54,28 @@ size_t KeyValueStore::size() const {
 }
 
 void KeyValueStore::clearAll() {
-    std::lock_guard<std::mutex> lock(mLock);
-    mValues.clear();
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        mValues.clear();
+    }
+    notify(std::string());
+}
+
+int KeyValueStore::addObserver(Observer observer) {
+    std::lock_guard<std::mutex> lock(mObserverLock);
+    const int id = mNextObserverId++;
+    mObservers[id] = std::move(observer);
+    return id;
+}
+
+void KeyValueStore::removeObserver(int id) {
+    std::lock_guard<std::mutex> lock(mObserverLock);
+    mObservers.erase(id);
+}
+
+void KeyValueStore::notify(const std::string& key) {
+    std::lock_guard<std::mutex> lock(mObserverLock);
+    for (const auto& entry : mObservers) entry.second(key);
 }
 
 }  // namespace tovarin

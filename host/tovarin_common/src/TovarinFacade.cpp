@@ -1,6 +1,8 @@
 #include <tovarin/TovarinFacade.h>
 
+#include <errno.h>
 #include <math.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
@@ -10,8 +12,10 @@
 
 #include <utils/Timers.h>
 
+#include <tovarin/SyntheticMotion.h>
 #include <tovarin/TovarinDiagnostics.h>
 #include <tovarin/TovarinLogger.h>
+#include <tovarin/TovarinOverrides.h>
 
 namespace morvel {
 namespace tovarin {
@@ -21,6 +25,7 @@ using android::INVALID_OPERATION;
 using android::OK;
 using android::sp;
 using android::status_t;
+using android::TIMED_OUT;
 
 namespace {
 
@@ -36,12 +41,7 @@ constexpr int32_t kMaxFilter = 2;
 // listener and a caller toggling the state cannot grow memory without bound.
 constexpr size_t kMaxPendingStateChanges = 1024;
 
-// Head pose of the synthetic motion at time t (seconds): yaw, pitch, roll in degrees.
-void poseAt(double t, double* yaw, double* pitch, double* roll) {
-    *yaw = 30.0 * sin(2.0 * kPi * t / 8.0);
-    *pitch = 12.0 * sin(2.0 * kPi * t / 5.0 + 0.5);
-    *roll = 6.0 * sin(2.0 * kPi * t / 11.0 + 1.0);
-}
+constexpr int64_t kMaxStallMs = 3600 * 1000;
 
 // Unit quaternion (x, y, z, w) of intrinsic yaw (about y), pitch (about x), roll (about z).
 void quaternionFromPose(double yawDeg, double pitchDeg, double rollDeg, float out[4]) {
@@ -63,14 +63,57 @@ int64_t nowNs() {
     return systemTime(SYSTEM_TIME_MONOTONIC);
 }
 
+// Reads an integer override in [min, max]; false when absent or malformed (logged).
+bool readOverride(const char* key, int64_t min, int64_t max, int64_t* out) {
+    std::string text;
+    if (!TovarinOverrides::getInstance()->get(key, &text)) return false;
+    char* end = nullptr;
+    errno = 0;
+    const long long value = strtoll(text.c_str(), &end, 10);
+    if (!text.empty() && *end == '\0' && errno == 0 && value >= min && value <= max) {
+        *out = value;
+        return true;
+    }
+    if (TovarinLogger::getInstance()->shouldLog(kLogTag, 5)) {
+        rendel_log_write2(5, &sLogState, 2, kLogTag, "ignoring %s=%s: not an integer in %lld..%lld",
+                          key, text.c_str(), static_cast<long long>(min),
+                          static_cast<long long>(max));
+    }
+    return false;
+}
+
+bool readOverride(const char* key, double min, double max, double* out) {
+    std::string text;
+    if (!TovarinOverrides::getInstance()->get(key, &text)) return false;
+    char* end = nullptr;
+    const double value = strtod(text.c_str(), &end);
+    if (!text.empty() && *end == '\0' && value >= min && value <= max) {
+        *out = value;
+        return true;
+    }
+    if (TovarinLogger::getInstance()->shouldLog(kLogTag, 5)) {
+        rendel_log_write2(5, &sLogState, 2, kLogTag, "ignoring %s=%s: not a number in %g..%g", key,
+                          text.c_str(), min, max);
+    }
+    return false;
+}
+
 }  // namespace
+
+const char TovarinFacade::kSimHardwareState[] = "sim.hardwareState";
+const char TovarinFacade::kSimRefuseStart[] = "sim.refuseStart";
+const char TovarinFacade::kSimFailSamples[] = "sim.failSamples";
+const char TovarinFacade::kSimConfidence[] = "sim.confidence";
+const char TovarinFacade::kSimStallEventsMs[] = "sim.stallEventsMs";
 
 TovarinFacade::TovarinFacade() : TovarinFacade(Options()) {}
 
 TovarinFacade::TovarinFacade(const Options& options)
     : mTrackerCount(std::clamp<int32_t>(options.trackerCount, 1, kMaxTrackers)),
       mEpochNs(nowNs()),
-      mPublishDiagnostics(options.publishDiagnostics) {
+      mPublishDiagnostics(options.publishDiagnostics),
+      mMotion(options.motion != nullptr ? options.motion
+                                        : std::make_shared<const SyntheticMotion>()) {
     mEnabled = options.enabled;
     mReportedEnabled = mEnabled;
     const double rate = isnan(options.rawFrameRateHz) ? Options().rawFrameRateHz
@@ -83,10 +126,74 @@ TovarinFacade::TovarinFacade(const Options& options)
     mRawThread = std::thread(&TovarinFacade::rawDeliveryLoop, this);
     mStateThreadId = mStateThread.get_id();
     mRawThreadId = mRawThread.get_id();
+    // Faults already set count from now on.
+    onOverrideChanged(std::string());
+    mOverridesObserver = TovarinOverrides::getInstance()->addObserver(
+            [this](const std::string& key) { onOverrideChanged(key); });
 }
 
 TovarinFacade::~TovarinFacade() {
+    // Waits for a change being reported, so that no report reaches a destroyed facade.
+    TovarinOverrides::getInstance()->removeObserver(mOverridesObserver);
     stopThreads(true);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Faults on demand
+// ---------------------------------------------------------------------------------------------
+
+void TovarinFacade::onOverrideChanged(const std::string& key) {
+    if (!key.empty() && key.compare(0, 4, "sim.") != 0) return;
+    Faults faults;
+    int64_t value = 0;
+    faults.forceHardwareState = readOverride(kSimHardwareState, INT32_MIN, INT32_MAX, &value);
+    faults.hardwareState = static_cast<int32_t>(value);
+    faults.refuseStart = readOverride(kSimRefuseStart, 0, 1, &value) && value == 1;
+    if (readOverride(kSimFailSamples, 0, INT64_MAX, &value)) faults.failSamplesEvery = value;
+    double cap = 0.0;
+    if (readOverride(kSimConfidence, 0.0, 1.0, &cap)) faults.confidenceCap = cap;
+    // Only a change of the stall key (or of every key) starts or ends a stall.
+    const bool stallChanged = key.empty() || key == kSimStallEventsMs;
+    int64_t stallMs = 0;
+    const bool stall = stallChanged && readOverride(kSimStallEventsMs, 0, kMaxStallMs, &stallMs);
+    {
+        std::lock_guard<std::mutex> lock(mLock);
+        const auto stallUntil = mFaults.stallUntil;
+        // "Every Nth sample" counts from the change.
+        if (faults.failSamplesEvery != mFaults.failSamplesEvery) mSampleCount = 0;
+        mFaults = faults;
+        mFaults.stallUntil = stallUntil;
+        if (stallChanged) {
+            mFaults.stallUntil =
+                    stall ? std::chrono::steady_clock::now() + std::chrono::milliseconds(stallMs)
+                          : std::chrono::steady_clock::time_point();
+        }
+    }
+    mStateCond.notify_all();
+    mRawCond.notify_all();
+    if (key.empty()) return;
+    bool known = false;
+    for (const char* name : {kSimHardwareState, kSimRefuseStart, kSimFailSamples, kSimConfidence,
+                             kSimStallEventsMs}) {
+        known = known || key == name;
+    }
+    if (!known) {
+        if (TovarinLogger::getInstance()->shouldLog(kLogTag, 5)) {
+            rendel_log_write2(5, &sLogState, 2, kLogTag, "%s is not a fault the tracker knows",
+                              key.c_str());
+        }
+        return;
+    }
+    if (TovarinLogger::getInstance()->shouldLog(kLogTag, 4)) {
+        std::string text;
+        const bool set = TovarinOverrides::getInstance()->get(key.c_str(), &text);
+        rendel_log_write2(4, &sLogState, 2, kLogTag, "fault %s %s%s", key.c_str(),
+                          set ? "set to " : "cleared", set ? text.c_str() : "");
+    }
+}
+
+bool TovarinFacade::stalledLocked() const {
+    return std::chrono::steady_clock::now() < mFaults.stallUntil;
 }
 
 void TovarinFacade::shutdown() {
@@ -227,6 +334,7 @@ bool TovarinFacade::getEnabled() const {
 
 int32_t TovarinFacade::getHardwareState() const {
     std::lock_guard<std::mutex> lock(mLock);
+    if (mFaults.forceHardwareState) return mFaults.hardwareState;
     if (!mEnabled) return HARDWARE_OFF;
     if (!mRawListeners.empty()) return HARDWARE_STREAMING;
     for (const Tracker& tracker : mTrackers) {
@@ -287,6 +395,11 @@ void TovarinFacade::stateDeliveryLoop() {
     for (;;) {
         mStateCond.wait(lock, [this] { return mShutdown || !mPendingStateChanges.empty(); });
         if (mShutdown) return;
+        if (stalledLocked()) {
+            // Woken early by shutdown or a change of the stall.
+            mStateCond.wait_until(lock, mFaults.stallUntil);
+            continue;
+        }
         PendingStateChange change = std::move(mPendingStateChanges.front());
         mPendingStateChanges.pop_front();
 
@@ -385,7 +498,8 @@ status_t TovarinFacade::start(const HeadTrackerHandle& handle) {
     std::lock_guard<std::mutex> lock(mLock);
     Tracker* tracker = findTrackerLocked(handle);
     if (tracker == nullptr) return BAD_VALUE;
-    if (!mEnabled) return INVALID_OPERATION;
+    if (mFaults.refuseStart || !mEnabled) return INVALID_OPERATION;
+    if (tracker->state == STOPPED) tracker->startedNs = nowNs();
     tracker->state = STARTED;
     noteStateLocked();
     return OK;
@@ -446,40 +560,44 @@ bool TovarinFacade::getTrackerInfo(int32_t id, TrackerInfo* out) const {
 
 status_t TovarinFacade::sample(const HeadTrackerHandle& handle, HeadTrackingEvent& event) const {
     HeadTrackingConfiguration config;
+    int64_t startedNs;
+    double confidenceCap;
     {
         std::lock_guard<std::mutex> lock(mLock);
         const Tracker* tracker = findTrackerLocked(handle);
         if (tracker == nullptr) return BAD_VALUE;
         if (tracker->state != STARTED) return INVALID_OPERATION;
+        ++mSampleCount;
+        if (mFaults.failSamplesEvery > 0 && mSampleCount % mFaults.failSamplesEvery == 0) {
+            return TIMED_OUT;
+        }
         config = tracker->configuration;
+        startedNs = tracker->startedNs;
+        confidenceCap = mFaults.confidenceCap;
     }
-    fillSample(handle.id, config, nowNs(), &event);
+    const int64_t timeNs = nowNs();
+    fillSample(timeNs - startedNs, config, timeNs, confidenceCap, &event);
     return OK;
 }
 
-// The synthetic head: a slow smooth motion (periods of several seconds, at most about 24 degrees
-// per second of yaw), shifted in phase per tracker. The filter setting decides how much fast
-// jitter is left on top (0: about half a degree, 1: a tenth, 2: none); fidelity raises the
-// confidence.
-void TovarinFacade::fillSample(int32_t trackerId, const HeadTrackingConfiguration& config,
-                               int64_t timeNs, HeadTrackingEvent* event) const {
-    const double t = static_cast<double>(timeNs - mEpochNs) / 1e9 + 0.7 * trackerId;
-    double yaw, pitch, roll;
-    poseAt(t, &yaw, &pitch, &roll);
-    const double jitterAmplitude = config.filter == 0 ? 0.5 : (config.filter == 1 ? 0.1 : 0.0);
-    const double jitter = jitterAmplitude * sin(2.0 * kPi * 7.3 * t);
-    const double confidence =
-            std::min(1.0, 0.80 + 0.05 * config.fidelity + 0.04 * sin(2.0 * kPi * t / 3.0));
-
+void TovarinFacade::fillSample(int64_t elapsedNs, const HeadTrackingConfiguration& config,
+                               int64_t timeNs, double confidenceCap,
+                               HeadTrackingEvent* event) const {
+    MotionPose pose;
+    mMotion->poseAt(std::max<int64_t>(elapsedNs, 0), config, &pose);
+    if (confidenceCap >= 0.0 && pose.confidence > confidenceCap) {
+        pose.confidence = confidenceCap;
+        pose.highConfidence = confidenceCap >= 0.85;
+    }
     event->timestamp = timeNs;
-    event->component0 = static_cast<float>(yaw + jitter);
-    event->component1 = static_cast<float>(pitch + jitter);
-    event->component2 = static_cast<float>(roll);
-    event->flag0 = true;                // the pose is valid
-    event->flag1 = confidence >= 0.85;  // the pose is of high confidence
-    event->scalar = static_cast<float>(confidence);
+    event->component0 = static_cast<float>(pose.yaw);
+    event->component1 = static_cast<float>(pose.pitch);
+    event->component2 = static_cast<float>(pose.roll);
+    event->flag0 = pose.valid;
+    event->flag1 = pose.highConfidence;
+    event->scalar = static_cast<float>(pose.confidence);
     memset(event->text, 0, sizeof(event->text));
-    strncpy(event->text, "simulated", sizeof(event->text) - 1);
+    strncpy(event->text, pose.text.c_str(), sizeof(event->text) - 1);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -501,14 +619,13 @@ double TovarinFacade::getRawFrameRate() const {
     return mRawFrameRateHz;
 }
 
-// A dark moving diagonal gradient with a bright disc (the head) that follows the synthetic yaw
-// and pitch.
-void TovarinFacade::renderFrame(int64_t frameIndex, int64_t timeNs, unsigned char* pixels) const {
-    const double t = static_cast<double>(timeNs - mEpochNs) / 1e9;
-    double yaw, pitch, roll;
-    poseAt(t, &yaw, &pitch, &roll);
-    const int cx = kFrameWidth / 2 + static_cast<int>(yaw * 6.0);
-    const int cy = kFrameHeight / 2 - static_cast<int>(pitch * 8.0);
+// A dark moving diagonal gradient with a bright disc (the head) that follows the pose's yaw and
+// pitch.
+void TovarinFacade::renderFrame(int64_t frameIndex, const HeadTrackingEvent& pose,
+                                unsigned char* pixels) const {
+    const int cx = kFrameWidth / 2 + static_cast<int>(std::clamp(pose.component0, -90.f, 90.f) * 6);
+    const int cy =
+            kFrameHeight / 2 - static_cast<int>(std::clamp(pose.component1, -60.f, 60.f) * 8);
     const int radius = 60;
     const int shift = static_cast<int>(frameIndex % 256) * 2;
     for (int y = 0; y < kFrameHeight; ++y) {
@@ -530,18 +647,28 @@ void TovarinFacade::rawDeliveryLoop() {
     for (;;) {
         mRawCond.wait(lock, [this] { return mShutdown || (mEnabled && !mRawListeners.empty()); });
         if (mShutdown) return;
+        if (stalledLocked()) {
+            mRawCond.wait_until(lock, mFaults.stallUntil);
+            continue;
+        }
 
         std::vector<sp<RawDataListener>> targets;
         targets.reserve(mRawListeners.size());
         for (const auto& entry : mRawListeners) targets.push_back(entry.second);
         const double rateHz = mRawFrameRateHz;
+        const double confidenceCap = mFaults.confidenceCap;
         lock.unlock();
 
         const auto frameStart = std::chrono::steady_clock::now();
         const int64_t timeNs = nowNs();
-        renderFrame(frameIndex, timeNs, pixels.data());
-
+        HeadTrackingConfiguration defaults;
         RawDataEvent event;
+        fillSample(timeNs - mEpochNs, defaults, timeNs, confidenceCap, &event.headTrackingEvent0);
+        // The second result is the pose predicted 50 ms ahead.
+        fillSample(timeNs - mEpochNs + 50000000, defaults, timeNs, confidenceCap,
+                   &event.headTrackingEvent1);
+        renderFrame(frameIndex, event.headTrackingEvent0, pixels.data());
+
         event.timestamp = timeNs;
         CameraFrameEvent& frame = event.cameraFrameEvent;
         frame.timestamp = timeNs;
@@ -558,11 +685,6 @@ void TovarinFacade::rawDeliveryLoop() {
         gyro.code = 1;
         frame.sensorData.push_back(gyro);
 
-        HeadTrackingConfiguration defaults;
-        fillSample(0, defaults, timeNs, &event.headTrackingEvent0);
-        // The second result is the pose predicted 50 ms ahead.
-        fillSample(0, defaults, timeNs + 50000000, &event.headTrackingEvent1);
-        event.headTrackingEvent1.timestamp = timeNs;
         HeadLocation& head = event.headLocation0;
         head.flag0 = true;
         head.value = 1;

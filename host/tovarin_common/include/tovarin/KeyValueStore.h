@@ -4,6 +4,7 @@
  */
 #pragma once
 
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -35,6 +36,15 @@ public:
     // Removes every key (for tests).
     void clearAll();
 
+    // Observers hear of every set() and clear() after the store has changed, with the key (an
+    // empty key after clearAll()), on the thread that changed the store. They are called one at
+    // a time, in no lock of the values, and must not change the store themselves.
+    // removeObserver() waits for a call in progress, so the observer's owner may go away after
+    // it returns (but must not call it from its own observer).
+    typedef std::function<void(const std::string& key)> Observer;
+    int addObserver(Observer observer);
+    void removeObserver(int id);
+
 protected:
     explicit KeyValueStore(bool writable) : mWritable(writable) {}
     ~KeyValueStore() = default;
@@ -42,9 +52,14 @@ protected:
     KeyValueStore& operator=(const KeyValueStore&) = delete;
 
 private:
+    void notify(const std::string& key);
+
     const bool mWritable;
     mutable std::mutex mLock;
     std::map<std::string, std::string> mValues;
+    std::mutex mObserverLock;  // held while an observer runs; never while mLock is
+    std::map<int, Observer> mObservers;
+    int mNextObserverId = 0;
 };
 
 }  // namespace tovarin

@@ -46,18 +46,41 @@
  * listener may receive one frame that was already on its way when it was unregistered. Raw data
  * flows while the facade is enabled and has raw data listeners, whatever the trackers do; the
  * frame's pixels are valid during the callback only.
+ *
+ * Motion: poses come from Options::motion (SyntheticMotion when none is given). A tracker's clock
+ * starts when it goes from STOPPED to STARTED and keeps running through STANDBY; raw data frames
+ * use the time since the facade was created.
+ *
+ * Faults on demand: keys under "sim." in the overrides store (TovarinOverrides) make the
+ * simulated tracker misbehave while they are set; the facade watches the store, so a change
+ * takes effect at once, whoever changed the store (the debug interface included):
+ *   sim.hardwareState N   getHardwareState() reports N (0 OFF, 1 IDLE, 2 STREAMING)
+ *   sim.refuseStart 1     start() of a known handle fails with INVALID_OPERATION
+ *   sim.failSamples N     every Nth sample() of a STARTED tracker, counted from the change of
+ *                         the key, fails with TIMED_OUT (1: all of them), the event left as it was
+ *   sim.confidence C      confidence is at most C (0..1) in samples and raw data events;
+ *                         flag1 then follows it (C >= 0.85)
+ *   sim.stallEventsMs N   no event is delivered for N ms from the moment the key is set
+ *                         (setting it again starts a new stall, clearing it ends the stall);
+ *                         state changes meanwhile are delivered afterwards, in order, raw data
+ *                         frames of the stalled time are lost
+ * A value that does not parse is ignored with a warning, as if the key were not set.
  */
 #pragma once
 
 #include <stdint.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include <tovarin/MotionSource.h>
 #include <tovarin/TovarinService.h>
 
 namespace morvel {
@@ -84,7 +107,16 @@ public:
         // facade's state: keys "facade.enabled", "facade.trackingState" and "tracker.<id>" for
         // every held tracker. Off by default so that the store belongs to its other users.
         bool publishDiagnostics = false;
+        // Where poses come from; null means SyntheticMotion.
+        std::shared_ptr<const MotionSource> motion;
     };
+
+    // The keys of the faults on demand (see above).
+    static const char kSimHardwareState[];
+    static const char kSimRefuseStart[];
+    static const char kSimFailSamples[];
+    static const char kSimConfidence[];
+    static const char kSimStallEventsMs[];
 
     struct TrackerInfo {
         int32_t id = -1;
@@ -145,6 +177,16 @@ private:
         TrackerState state = FREE;
         int32_t pid = -1;
         HeadTrackingConfiguration configuration;
+        int64_t startedNs = 0;  // when it last went from STOPPED to STARTED
+    };
+    // The faults on demand in force, as read from the overrides store.
+    struct Faults {
+        bool forceHardwareState = false;
+        int32_t hardwareState = 0;
+        bool refuseStart = false;
+        int64_t failSamplesEvery = 0;  // 0: none
+        double confidenceCap = -1.0;   // < 0: none
+        std::chrono::steady_clock::time_point stallUntil;
     };
     struct PendingStateChange {
         uint64_t sequence = 0;
@@ -163,13 +205,21 @@ private:
     void stopThreads(bool destroying);
     void stateDeliveryLoop();
     void rawDeliveryLoop();
-    void renderFrame(int64_t frameIndex, int64_t nowNs, unsigned char* pixels) const;
-    void fillSample(int32_t trackerId, const HeadTrackingConfiguration& config, int64_t nowNs,
-                    HeadTrackingEvent* event) const;
+    void renderFrame(int64_t frameIndex, const HeadTrackingEvent& pose,
+                     unsigned char* pixels) const;
+    // Fills *event with the pose elapsedNs into a tracker's clock, stamped timeNs; applies the
+    // confidence fault given.
+    void fillSample(int64_t elapsedNs, const HeadTrackingConfiguration& config, int64_t timeNs,
+                    double confidenceCap, HeadTrackingEvent* event) const;
+    // Called by the overrides store on every change; `key` is the key changed ("" for all).
+    void onOverrideChanged(const std::string& key);
+    bool stalledLocked() const;
 
     const int32_t mTrackerCount;
-    const int64_t mEpochNs;  // origin of the synthetic motion
+    const int64_t mEpochNs;  // origin of the raw data frames' motion clock
     const bool mPublishDiagnostics;
+    const std::shared_ptr<const MotionSource> mMotion;
+    int mOverridesObserver = -1;
 
     mutable std::mutex mLock;
     std::condition_variable mStateCond;      // a state change was queued, or shutdown
@@ -188,6 +238,8 @@ private:
     std::deque<PendingStateChange> mPendingStateChanges;
     uint64_t mQueuedSequence = 0;
     uint64_t mDeliveredSequence = 0;
+    Faults mFaults;
+    mutable uint64_t mSampleCount = 0;  // sample() calls of STARTED trackers, for failSamples
 
     std::mutex mJoinLock;  // serialises joining the delivery threads
     std::thread mStateThread;
