@@ -38,6 +38,9 @@ namespace {
 
 // Sizes are exchanged as int32 on the wire: no parcel grows beyond what an int32 can count.
 constexpr size_t kMaxDataSize = INT32_MAX;
+// The first buffer a parcel grows: room for an interface token and a few arguments, or a
+// small reply, so that a typical call allocates once instead of growing word by word.
+constexpr size_t kMinGrownCapacity = 256;
 
 constexpr uint32_t kStrictModePenaltyGather = 1u << 31;
 constexpr int32_t kUnsetWorkSource = -1;
@@ -215,7 +218,7 @@ status_t Parcel::growData(size_t len) {
     if (len > kMaxDataSize || mDataPos > kMaxDataSize - len) return NO_MEMORY;
     const size_t needed = mDataPos + len;
     if (needed <= mDataCapacity && mOwner == nullptr) return NO_ERROR;
-    size_t newCapacity = needed + needed / 2;
+    size_t newCapacity = std::max(needed + needed / 2, kMinGrownCapacity);
     if (newCapacity > kMaxDataSize || newCapacity < needed) newCapacity = kMaxDataSize;
     if (newCapacity < mDataCapacity) newCapacity = mDataCapacity;
     // Bytes past mDataSize are zero, so a write past the end leaves a zeroed gap.
@@ -298,11 +301,17 @@ status_t Parcel::continueWrite(size_t desired) {
 
     if (mData == nullptr) {
         if (desired == 0) return NO_ERROR;
-        mData = static_cast<uint8_t*>(calloc(desired, 1));
-        if (mData == nullptr) {
+        // Not calloc, which bypasses the allocator's per-thread cache (most parcels are small
+        // and short-lived). The empty asm stops the compiler from merging malloc and memset
+        // back into calloc.
+        uint8_t* data = static_cast<uint8_t*>(malloc(desired));
+        if (data == nullptr) {
             mError = NO_MEMORY;
             return NO_MEMORY;
         }
+        asm volatile("" : : "r"(data) : "memory");
+        memset(data, 0, desired);
+        mData = data;
         mDataCapacity = desired;
         mDataSize = 0;
         return NO_ERROR;
