@@ -6,6 +6,7 @@ set -euo pipefail
 TOVARIN_PACKAGES=(
     build-essential cmake ninja-build pkg-config clang
     libgtest-dev libgmock-dev libbenchmark-dev
+    libsystemd-dev dbus
     android-libutils-dev android-liblog-dev
     blueprint-tools android-platform-frameworks-native-headers
     gnuplot-nox
