@@ -226,6 +226,12 @@ TEST_F(HostileTest, ProtocolViolationsDropOnlyTheOffender) {
              [](RawPeer& p) { p.sendStruct(kFrameReleaseHandle, HandleCount{9, 0, 1}); }},
             {"free of an unknown buffer", true,
              [](RawPeer& p) { p.sendStruct(kFrameFreeBuffer, BufferRef{12345}); }},
+            {"one-way calls beyond the unacknowledged window", true,
+             [](RawPeer& p) {
+                 for (uint32_t i = 0; i <= kOnewayWindowCalls; i++) {
+                     p.transaction(0, 1 /* FLAG_ONEWAY */, {}, std::vector<uint8_t>(8));
+                 }
+             }},
             {"second hello", true,
              [](RawPeer& p) { p.sendStruct(kFrameHello, Hello{kWireMagic, kWireVersion, 1, 1}); }},
     };

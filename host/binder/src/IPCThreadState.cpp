@@ -140,7 +140,10 @@ IPCThreadState::IPCThreadState()
         mStrictModePolicy(0),
         mLastTransactionBinderFlags(0),
         mIsLooper(false),
-        mConnectionGeneration(0) {}
+        mConnectionGeneration(0),
+        mOnewayUnackedCalls(0),
+        mOnewayUnackedBytes(0),
+        mOnewayMustAck(false) {}
 
 IPCThreadState::~IPCThreadState() {
     delete mConnection;
@@ -286,6 +289,9 @@ status_t IPCThreadState::ensureConnected() {
     int fd = hostbinder::connectUnix(mProcess->socketPath().string());
     if (fd < 0) return DEAD_OBJECT;
     mConnection = new ThreadConnection(fd);
+    mOnewayUnackedCalls = 0;
+    mOnewayUnackedBytes = 0;
+    mOnewayMustAck = false;
     hostbinder::Hello hello{hostbinder::kWireMagic, hostbinder::kWireVersion,
                             hostbinder::kRoleThread, 0};
     iovec part{&hello, sizeof(hello)};
@@ -328,12 +334,26 @@ status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& d
         return err;
     }
     noteLocalObjects(data);
+    const bool oneway = (flags & IBinder::FLAG_ONEWAY) != 0;
+    const size_t bodyBytes = data.ipcDataSize() + data.ipcObjectsCount() * sizeof(uint64_t);
+    bool ackWanted = false;
+    if (oneway) {
+        // Within the window the call goes without waiting; beyond it the runtime says whether
+        // it took the call (see WireProtocol.h).
+        ackWanted = mOnewayMustAck || !fds.empty() ||
+                    mOnewayUnackedCalls >= hostbinder::kOnewayWindowCalls ||
+                    mOnewayUnackedBytes + bodyBytes > hostbinder::kOnewayWindowBytes;
+        if (!ackWanted) {
+            mOnewayUnackedCalls++;
+            mOnewayUnackedBytes += bodyBytes;
+        }
+    }
     hostbinder::Transaction t{handle,
                               code,
                               flags & IBinder::FLAG_ONEWAY,
                               static_cast<uint32_t>(data.ipcDataSize()),
                               static_cast<uint32_t>(data.ipcObjectsCount()),
-                              0};
+                              ackWanted ? hostbinder::kTransactionAckWanted : 0};
     iovec parts[3] = {
             {&t, sizeof(t)},
             {reinterpret_cast<void*>(data.ipcObjects()), data.ipcObjectsCount() * sizeof(uint64_t)},
@@ -342,7 +362,15 @@ status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& d
     err = mConnection->send(hostbinder::kFrameTransaction, mProcess->nextFrameSeq(), parts, 3,
                             fds.data(), fds.size());
     if (err != NO_ERROR) return err;
-    if (flags & IBinder::FLAG_ONEWAY) return NO_ERROR;
+    if (oneway && !ackWanted) return NO_ERROR;
+    if (oneway) {
+        Parcel ack;
+        err = waitForResponse(&ack, hostbinder::kFrameIncomingReply, nullptr);
+        mOnewayUnackedCalls = 0;
+        mOnewayUnackedBytes = 0;
+        mOnewayMustAck = (err == FAILED_TRANSACTION);
+        return err;
+    }
     if (reply != nullptr) return waitForResponse(reply, hostbinder::kFrameIncomingReply, nullptr);
     Parcel fakeReply;
     return waitForResponse(&fakeReply, hostbinder::kFrameIncomingReply, nullptr);

@@ -28,6 +28,18 @@ constexpr size_t kMaxFdsPerFrame = 253;  // SCM_MAX_FD
 // The largest payload of any frame: a transaction's fixed part plus its data and offsets.
 constexpr size_t kMaxFramePayload = 64 + kMaxTransactionBytes;
 
+// One-way calls. A thread may send up to kOnewayWindowCalls one-way calls, together at most
+// kOnewayWindowBytes of data and offsets and with no descriptors, without waiting; every other
+// one-way call asks for an acknowledgement (kTransactionAckWanted) and waits for it: an
+// IncomingReply whose status says whether the runtime took the call (NO_ERROR), refused it
+// because its receiver's queue is full (FAILED_TRANSACTION; the thread then asks for an
+// acknowledgement with every call until one is taken), or found the receiver dead
+// (DEAD_OBJECT). An acknowledgement starts a new window. The runtime counts the same way and
+// drops a process whose thread goes beyond its window.
+constexpr uint32_t kTransactionAckWanted = 1;
+constexpr uint32_t kOnewayWindowCalls = 64;
+constexpr size_t kOnewayWindowBytes = 256 * 1024;
+
 // The runtime's own objects.
 constexpr int32_t kServiceManagerHandle = 0;
 
@@ -95,7 +107,7 @@ struct Transaction {
     uint32_t flags;
     uint32_t dataSize;
     uint32_t objectsCount;
-    uint32_t reserved;
+    uint32_t wireFlags;  // kTransactionAckWanted
 };
 static_assert(sizeof(Transaction) == 24);
 

@@ -100,6 +100,7 @@ private:
         uint32_t objectsCount = 0;
         std::vector<int> fds;
         std::vector<Node*> held;  // node references the receiving buffer holds
+        size_t queuedCost = 0;    // one-way: what it counts in its receiver's queue
     };
 
     struct Buffer {
@@ -128,6 +129,10 @@ private:
         bool looper = false;
         bool busy = false;
         uint64_t busyBuffer = 0;  // the one-way call's buffer it is handling
+        // One-way calls taken since the last acknowledgement (see WireProtocol.h).
+        uint32_t onewayUnackedCalls = 0;
+        size_t onewayUnackedBytes = 0;
+        bool onewayMustAck = false;
         Txn* stack = nullptr;
         struct Chunk {
             std::vector<uint8_t> bytes;
@@ -150,7 +155,7 @@ private:
         std::unordered_map<Node*, int32_t> handleOf;
         int32_t nextHandle = 1;
         std::deque<Work> todo;
-        size_t asyncQueuedBytes = 0;
+        size_t asyncQueuedBytes = 0;  // cost of the one-way calls queued for it
         uint32_t maxThreads = 15;
         uint32_t spawnedLoopers = 0;
         uint32_t requestedSpawns = 0;
@@ -202,6 +207,7 @@ private:
     void popDeadReplied(Conn* c);
     void endTxn(Txn* t);
     void dropOneway(Txn* t);
+    void ackOneway(Conn* c, int32_t status);
 
     // The broker's own services.
     void serveBuiltin(Conn* c, Node* target, Txn* txn);

@@ -19,7 +19,11 @@ constexpr size_t kMaxOutBytes = 64 * 1024 * 1024;
 constexpr size_t kMaxNodesPerProc = 1 << 17;
 constexpr size_t kMaxRefsPerProc = 1 << 17;
 constexpr size_t kMaxBuffersPerProc = 1 << 17;
+// One-way calls queued for one process: beyond this, calls that ask for an acknowledgement
+// are refused (unacknowledged ones are bounded by the senders' windows instead).
 constexpr size_t kMaxAsyncQueuedBytes = 32 * 1024 * 1024;
+constexpr size_t kQueuedCallOverhead = 256;
+constexpr size_t kQueuedFdCost = 64 * 1024;
 constexpr size_t kMaxServices = 4096;
 constexpr size_t kMaxServiceName = 1024;
 constexpr uint32_t kMaxThreadsLimit = 1024;

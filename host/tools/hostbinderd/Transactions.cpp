@@ -39,6 +39,19 @@ void Broker::handleTransaction(Conn* c, InboundFrame& f) {
         drop(p, "call while already waiting for a reply");
         return;
     }
+    const size_t bodyLen = size_t(t.objectsCount) * 8 + t.dataSize;
+    const bool ackWanted = oneway && (t.wireFlags & kTransactionAckWanted) != 0;
+    if (oneway && !ackWanted) {
+        // Unacknowledged one-way calls are taken whatever the receiver's queue holds, so they
+        // are bounded here, per connection, exactly as the sender bounds them.
+        if (c->onewayMustAck || !f.fds.empty() || c->onewayUnackedCalls >= kOnewayWindowCalls ||
+            c->onewayUnackedBytes + bodyLen > kOnewayWindowBytes) {
+            drop(p, "one-way calls beyond its window");
+            return;
+        }
+        c->onewayUnackedCalls++;
+        c->onewayUnackedBytes += bodyLen;
+    }
 
     Txn* x = new Txn;
     x->oneway = oneway;
@@ -48,7 +61,6 @@ void Broker::handleTransaction(Conn* c, InboundFrame& f) {
     x->senderUid = c->uid;
     x->dataSize = t.dataSize;
     x->objectsCount = t.objectsCount;
-    const size_t bodyLen = size_t(t.objectsCount) * 8 + t.dataSize;
     x->body.assign(f.payload + sizeof(Transaction), f.payload + sizeof(Transaction) + bodyLen);
     x->fds.swap(f.fds);
     acquireNode(target);
@@ -61,6 +73,7 @@ void Broker::handleTransaction(Conn* c, InboundFrame& f) {
 
     if (target->builtin != Builtin::kNone) {
         serveBuiltin(c, target, x);
+        if (ackWanted) ackOneway(c, NO_ERROR);
         return;
     }
     Proc* dest = target->owner;
@@ -68,18 +81,23 @@ void Broker::handleTransaction(Conn* c, InboundFrame& f) {
         if (!oneway) {
             IncomingReply r{0, DEAD_OBJECT, 0, 0, 0};
             send(c, kFrameIncomingReply, &r, sizeof(r), nullptr, 0, nullptr);
+        } else if (ackWanted) {
+            ackOneway(c, DEAD_OBJECT);
         }
         endTxn(x);
         return;
     }
     if (oneway) {
-        if (dest->asyncQueuedBytes + x->body.size() > kMaxAsyncQueuedBytes) {
-            ALOGW("pid %d: one-way call to pid %d dropped: its queue is full", p->pid,
-                  dest->pid);
+        // What the queued call costs the runtime: its bytes, its bookkeeping, its descriptors.
+        x->queuedCost = x->body.size() + kQueuedCallOverhead + x->fds.size() * kQueuedFdCost;
+        if (ackWanted && dest->asyncQueuedBytes + x->queuedCost > kMaxAsyncQueuedBytes) {
+            // The receiver is behind: the sender hears so, as it would from the kernel driver.
             endTxn(x);
+            ackOneway(c, FAILED_TRANSACTION);
             return;
         }
-        dest->asyncQueuedBytes += x->body.size();
+        dest->asyncQueuedBytes += x->queuedCost;
+        if (ackWanted) ackOneway(c, NO_ERROR);
         if (target->asyncBusy) {
             target->asyncTodo.push_back(x);
         } else {
@@ -109,6 +127,15 @@ void Broker::handleTransaction(Conn* c, InboundFrame& f) {
         w.txn = x;
         enqueueWork(dest, w);
     }
+}
+
+// Answers a one-way call that asked for it; the connection's window starts again.
+void Broker::ackOneway(Conn* c, int32_t status) {
+    c->onewayUnackedCalls = 0;
+    c->onewayUnackedBytes = 0;
+    c->onewayMustAck = (status == FAILED_TRANSACTION);
+    IncomingReply r{0, status, 0, 0, 0};
+    send(c, kFrameIncomingReply, &r, sizeof(r), nullptr, 0, nullptr);
 }
 
 void Broker::handleReply(Conn* c, InboundFrame& f) {
@@ -243,7 +270,7 @@ void Broker::deliverTransaction(Conn* t, Txn* x) {
     Node* target = x->target;
     if (x->oneway) {
         t->busy = true;
-        dest->asyncQueuedBytes -= std::min(dest->asyncQueuedBytes, x->body.size());
+        dest->asyncQueuedBytes -= std::min(dest->asyncQueuedBytes, x->queuedCost);
     } else {
         x->to = t;
         x->toParent = t->stack;

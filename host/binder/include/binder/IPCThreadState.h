@@ -114,6 +114,10 @@ private:
     int32_t mLastTransactionBinderFlags;
     bool mIsLooper;
     uint32_t mConnectionGeneration;
+    // One-way calls sent on this connection since the runtime last acknowledged one.
+    uint32_t mOnewayUnackedCalls;
+    size_t mOnewayUnackedBytes;
+    bool mOnewayMustAck;  // the last acknowledged one was refused
 };
 
 }  // namespace android
