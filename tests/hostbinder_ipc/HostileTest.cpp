@@ -3,11 +3,15 @@
 // runtime's descriptors and threads return to where they were.
 #include <hostbinder_test/Runtime.h>
 
+#include "TestService.h"
 #include "WireProtocol.h"
 #include "WireSocket.h"
 
+#include <binder/Parcel.h>
 #include <gtest/gtest.h>
 #include <linux/android/binder.h>
+#include <utils/Errors.h>
+#include <utils/String16.h>
 
 #include <dirent.h>
 #include <poll.h>
@@ -89,6 +93,16 @@ public:
         sendFrame(kFrameTransaction, payload, mSeq++, fds);
     }
 
+    // The next frame from the runtime, waiting up to `timeoutMs`.
+    bool readFrame(InboundFrame* out, int timeoutMs = 5000) {
+        for (;;) {
+            FrameReader::Result r = mReader.pop(out);
+            if (r == FrameReader::Result::kFrame) return true;
+            if (r == FrameReader::Result::kMalformed) return false;
+            if (!readable(timeoutMs) || mReader.fill(mFd, 0) <= 0) return false;
+        }
+    }
+
     // True when the runtime closed this connection within the timeout.
     bool droppedWithin(int timeoutMs) {
         char buf[4096];
@@ -109,6 +123,7 @@ private:
         return poll(&p, 1, timeoutMs) > 0;
     }
     int mFd;
+    FrameReader mReader;
 };
 
 std::vector<uint8_t> flatObject(uint32_t type, uint64_t binder, uint64_t cookie) {
@@ -232,6 +247,11 @@ TEST_F(HostileTest, ProtocolViolationsDropOnlyTheOffender) {
                      p.transaction(0, 1 /* FLAG_ONEWAY */, {}, std::vector<uint8_t>(8));
                  }
              }},
+            {"a runtime frame naming another sender", true,
+             [](RawPeer& p) {
+                 IncomingTransaction t{0, 0, 0, 1, 0, 1, 0, 0, 0};
+                 p.sendStruct(kFrameIncomingTransaction, t);
+             }},
             {"second hello", true,
              [](RawPeer& p) { p.sendStruct(kFrameHello, Hello{kWireMagic, kWireVersion, 1, 1}); }},
     };
@@ -245,6 +265,65 @@ TEST_F(HostileTest, ProtocolViolationsDropOnlyTheOffender) {
         c.abuse(peer);
         EXPECT_TRUE(peer.droppedWithin(3000));
     }
+}
+
+// A process that writes someone else's identity into every field it controls (the spare
+// header and transaction words, its hello, the work source and the data) is still seen by the
+// callee as itself.
+TEST_F(HostileTest, ForgedIdentityIsNeverBelieved) {
+    const uint32_t forgedPid = static_cast<uint32_t>(mService->pid());
+    const uint32_t forgedUid = getuid() == 0 ? 4321 : 0;
+    RawPeer process(mRuntime->socketPath());
+    ASSERT_TRUE(process.hello());
+    RawPeer thread(mRuntime->socketPath());
+    Hello hello{kWireMagic, kWireVersion, kRoleThread, forgedPid};
+    std::vector<uint8_t> bytes(sizeof(hello));
+    memcpy(bytes.data(), &hello, sizeof(hello));
+    thread.sendFrame(kFrameHello, bytes, 0);
+
+    uint32_t seq = 1;
+    // A synchronous call on `thread`, every spare word forged; returns the reply's data.
+    auto call = [&](int32_t handle, uint32_t code, const android::Parcel& data,
+                    InboundFrame* reply) {
+        Transaction t{handle, code, 0, static_cast<uint32_t>(data.ipcDataSize()),
+                      static_cast<uint32_t>(data.ipcObjectsCount()), forgedPid};
+        FrameHeader h{static_cast<uint32_t>(sizeof(t) + data.ipcDataSize()), kFrameTransaction,
+                      0, seq++, forgedUid};
+        std::vector<uint8_t> frame(sizeof(h) + h.size);
+        memcpy(frame.data(), &h, sizeof(h));
+        memcpy(frame.data() + sizeof(h), &t, sizeof(t));
+        memcpy(frame.data() + sizeof(h) + sizeof(t), reinterpret_cast<const void*>(data.ipcData()),
+               data.ipcDataSize());
+        thread.sendBytes(frame.data(), frame.size());
+        ASSERT_TRUE(thread.readFrame(reply));
+        ASSERT_EQ(kFrameIncomingReply, reply->header.type);
+        ASSERT_EQ(android::NO_ERROR, reply->fixed<IncomingReply>().status);
+    };
+
+    android::Parcel lookup;
+    lookup.writeInt32(int32_t(0x80000000u));  // strict-mode policy with the gather bit
+    lookup.writeInt32(static_cast<int32_t>(forgedUid));  // the work source
+    lookup.writeString16(android::String16("android.os.IServiceManager"));
+    lookup.writeString16(android::String16("victim"));
+    InboundFrame found;
+    call(kServiceManagerHandle, 2 /* CHECK_SERVICE */, lookup, &found);
+    FrameBody body = frameBody(found.header, found.payload);
+    ASSERT_EQ(1u, body.objectsCount);
+    flat_binder_object obj;
+    memcpy(&obj, body.data + body.offsets[0], sizeof(obj));
+    ASSERT_EQ(uint32_t(BINDER_TYPE_HANDLE), obj.hdr.type);
+
+    android::Parcel ask;
+    ask.writeInt32(static_cast<int32_t>(forgedPid));
+    ask.writeInt32(static_cast<int32_t>(forgedUid));
+    InboundFrame seen;
+    call(static_cast<int32_t>(obj.handle), hostbinder_ipc::kWhoCalls, ask, &seen);
+    body = frameBody(seen.header, seen.payload);
+    ASSERT_EQ(8u, body.dataSize);
+    int32_t who[2];
+    memcpy(who, body.data, sizeof(who));
+    EXPECT_EQ(getpid(), who[0]);
+    EXPECT_EQ(static_cast<int32_t>(getuid()), who[1]);
 }
 
 TEST_F(HostileTest, TruncatedFramesAndAbandonedConnections) {
