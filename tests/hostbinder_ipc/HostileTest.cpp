@@ -67,7 +67,7 @@ public:
 
     // Joins as a process; true when the runtime acknowledged.
     bool hello(uint32_t magic = kWireMagic) {
-        Hello h{magic, kWireVersion, kRoleProcess, 15};
+        Hello h{magic, kWireVersion, kRoleProcess, 15, 0};
         std::vector<uint8_t> bytes(sizeof(h));
         memcpy(bytes.data(), &h, sizeof(h));
         sendFrame(kFrameHello, bytes, 0);
@@ -253,7 +253,7 @@ TEST_F(HostileTest, ProtocolViolationsDropOnlyTheOffender) {
                  p.sendStruct(kFrameIncomingTransaction, t);
              }},
             {"second hello", true,
-             [](RawPeer& p) { p.sendStruct(kFrameHello, Hello{kWireMagic, kWireVersion, 1, 1}); }},
+             [](RawPeer& p) { p.sendStruct(kFrameHello, Hello{kWireMagic, kWireVersion, 1, 1, 0}); }},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -268,15 +268,15 @@ TEST_F(HostileTest, ProtocolViolationsDropOnlyTheOffender) {
 }
 
 // A process that writes someone else's identity into every field it controls (the spare
-// header and transaction words, its hello, the work source and the data) is still seen by the
-// callee as itself.
+// header and transaction words, its hello, the work source and the data), through the runtime
+// and straight to the callee's process, is still seen by the callee as itself.
 TEST_F(HostileTest, ForgedIdentityIsNeverBelieved) {
     const uint32_t forgedPid = static_cast<uint32_t>(mService->pid());
     const uint32_t forgedUid = getuid() == 0 ? 4321 : 0;
     RawPeer process(mRuntime->socketPath());
     ASSERT_TRUE(process.hello());
     RawPeer thread(mRuntime->socketPath());
-    Hello hello{kWireMagic, kWireVersion, kRoleThread, forgedPid};
+    Hello hello{kWireMagic, kWireVersion, kRoleThread, forgedPid, forgedPid};
     std::vector<uint8_t> bytes(sizeof(hello));
     memcpy(bytes.data(), &hello, sizeof(hello));
     thread.sendFrame(kFrameHello, bytes, 0);
@@ -324,6 +324,34 @@ TEST_F(HostileTest, ForgedIdentityIsNeverBelieved) {
     memcpy(who, body.data, sizeof(who));
     EXPECT_EQ(getpid(), who[0]);
     EXPECT_EQ(static_cast<int32_t>(getuid()), who[1]);
+
+    // The same call straight to the service's process, with the name the runtime gave for
+    // the object: the service takes the caller from the connection it accepted.
+    const pid_t owner = static_cast<pid_t>(obj.binder >> 32);
+    ASSERT_EQ(mService->pid(), owner);
+    int direct = connectDirect(directAddress(mRuntime->socketPath().c_str(), owner));
+    ASSERT_GE(direct, 0);
+    DirectCall dc{obj.cookie, 0, hostbinder_ipc::kWhoCalls, 0, 8, 0};
+    FrameHeader h{sizeof(dc) + 8, kFrameDirectCall, 0, forgedPid, forgedUid};
+    std::vector<uint8_t> frame(sizeof(h) + h.size);
+    memcpy(frame.data(), &h, sizeof(h));
+    memcpy(frame.data() + sizeof(h), &dc, sizeof(dc));
+    const uint32_t forged[2] = {forgedPid, forgedUid};
+    memcpy(frame.data() + sizeof(h) + sizeof(dc), forged, sizeof(forged));
+    ASSERT_EQ(ssize_t(frame.size()), ::send(direct, frame.data(), frame.size(), MSG_NOSIGNAL));
+    FrameReader reader;
+    InboundFrame answer;
+    while (reader.pop(&answer) != FrameReader::Result::kFrame) {
+        ASSERT_GT(reader.fill(direct, 0), 0);
+    }
+    close(direct);
+    ASSERT_EQ(kFrameDirectReply, answer.header.type);
+    ASSERT_EQ(android::NO_ERROR, answer.fixed<DirectReply>().status);
+    body = frameBody(answer.header, answer.payload);
+    ASSERT_EQ(8u, body.dataSize);
+    memcpy(who, body.data, sizeof(who));
+    EXPECT_EQ(getpid(), who[0]);
+    EXPECT_EQ(static_cast<int32_t>(getuid()), who[1]);
 }
 
 TEST_F(HostileTest, TruncatedFramesAndAbandonedConnections) {
@@ -346,12 +374,110 @@ TEST_F(HostileTest, TruncatedFramesAndAbandonedConnections) {
     }
     // A thread connection of a process that never joined.
     RawPeer orphan(mRuntime->socketPath());
-    Hello h{kWireMagic, kWireVersion, kRoleThread, 0};
+    Hello h{kWireMagic, kWireVersion, kRoleThread, 0, 0};
     std::vector<uint8_t> bytes(sizeof(h));
     memcpy(bytes.data(), &h, sizeof(h));
     orphan.sendFrame(kFrameHello, bytes, 0);
     EXPECT_TRUE(orphan.droppedWithin(3000));
     EXPECT_TRUE(serviceAnswers());
+}
+
+// Direct connections to a process: whatever a peer sends there costs it its connection, or
+// gets its call refused, and nothing else; the process's descriptors return to where they were.
+TEST_F(HostileTest, DirectPeersBreakingTheProtocolLoseOnlyTheirConnection) {
+    RawPeer process(mRuntime->socketPath());
+    ASSERT_TRUE(process.hello());
+    RawPeer thread(mRuntime->socketPath());
+    Hello hello{kWireMagic, kWireVersion, kRoleThread, 0, 0};
+    std::vector<uint8_t> bytes(sizeof(hello));
+    memcpy(bytes.data(), &hello, sizeof(hello));
+    thread.sendFrame(kFrameHello, bytes, 0);
+    android::Parcel lookup;
+    lookup.writeInt32(int32_t(0x80000000u));
+    lookup.writeInt32(-1);
+    lookup.writeString16(android::String16("android.os.IServiceManager"));
+    lookup.writeString16(android::String16("victim"));
+    thread.transaction(kServiceManagerHandle, 0, {},
+                       std::vector<uint8_t>(reinterpret_cast<const uint8_t*>(lookup.ipcData()),
+                                            reinterpret_cast<const uint8_t*>(lookup.ipcData()) +
+                                                    lookup.ipcDataSize()));
+    InboundFrame found;
+    ASSERT_TRUE(thread.readFrame(&found));
+    FrameBody body = frameBody(found.header, found.payload);
+    ASSERT_EQ(1u, body.objectsCount);
+    flat_binder_object obj;
+    memcpy(&obj, body.data + body.offsets[0], sizeof(obj));
+    const pid_t owner = static_cast<pid_t>(obj.binder >> 32);
+    ASSERT_EQ(mService->pid(), owner);
+    const std::string address = directAddress(mRuntime->socketPath().c_str(), owner);
+    const std::string victimFds = "/proc/" + std::to_string(owner) + "/fd";
+    const int fdsBefore = countEntries(victimFds);
+
+    auto frame = [](uint16_t type, const void* fixed, size_t len, uint32_t extra = 0) {
+        FrameHeader h{static_cast<uint32_t>(len + extra), type, 0, 0, 0};
+        std::vector<uint8_t> out(sizeof(h) + len + extra);
+        memcpy(out.data(), &h, sizeof(h));
+        memcpy(out.data() + sizeof(h), fixed, len);
+        return out;
+    };
+    struct Case {
+        const char* what;
+        std::vector<uint8_t> bytes;
+        int32_t refusedWith;  // 0: the connection is dropped
+    };
+    std::vector<uint8_t> junk(4096);
+    for (size_t i = 0; i < junk.size(); i++) junk[i] = uint8_t(i * 131 + 7);
+    const DirectReply strayReply{0, 0, 0, 0, 0};
+    const DirectCall forgedObject{obj.cookie ^ 0x5a5a0000u, 0, hostbinder_ipc::kEcho, 0, 0, 0};
+    const DirectCall othersBody{obj.cookie, 12345, hostbinder_ipc::kEcho, 0, 0, 0};
+    const IncomingTransaction runtimeFrame{0, 0, 0, 1, 0, 1, 0, 0, 0};
+    const DirectCall cutShort{obj.cookie, 0, hostbinder_ipc::kEcho, 0, 64, 0};
+    const Case cases[] = {
+            {"garbage", junk, 0},
+            {"a reply nobody asked for", frame(kFrameDirectReply, &strayReply, sizeof(strayReply)),
+             0},
+            {"a runtime frame", frame(kFrameIncomingTransaction, &runtimeFrame,
+                                      sizeof(runtimeFrame)),
+             0},
+            {"a call on an object it was never given",
+             frame(kFrameDirectCall, &forgedObject, sizeof(forgedObject)), android::DEAD_OBJECT},
+            {"a call naming a body it did not park",
+             frame(kFrameDirectCall, &othersBody, sizeof(othersBody)), android::BAD_VALUE},
+            {"a call cut short", frame(kFrameDirectCall, &cutShort, sizeof(cutShort), 64), 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        int fd = connectDirect(address);
+        ASSERT_GE(fd, 0);
+        // The cut-short call loses its last bytes, then its sender.
+        const size_t len = c.bytes.size() - (strcmp(c.what, "a call cut short") == 0 ? 40 : 0);
+        ASSERT_EQ(ssize_t(len), ::send(fd, c.bytes.data(), len, MSG_NOSIGNAL));
+        if (c.refusedWith != 0) {
+            FrameReader reader;
+            InboundFrame answer;
+            pollfd p{fd, POLLIN, 0};
+            while (reader.pop(&answer) != FrameReader::Result::kFrame) {
+                ASSERT_EQ(1, poll(&p, 1, 5000));
+                ASSERT_GT(reader.fill(fd, 0), 0);
+            }
+            ASSERT_EQ(kFrameDirectReply, answer.header.type);
+            EXPECT_EQ(c.refusedWith, answer.fixed<DirectReply>().status);
+        } else if (strcmp(c.what, "a call cut short") != 0) {
+            pollfd p{fd, POLLIN, 0};
+            ASSERT_EQ(1, poll(&p, 1, 5000));
+            char b;
+            EXPECT_EQ(0, recv(fd, &b, 1, 0));
+        }
+        close(fd);
+    }
+    for (int i = 0; i < 300; i++) {
+        int fd = connectDirect(address);
+        ASSERT_GE(fd, 0) << i;
+        close(fd);
+    }
+    EXPECT_TRUE(serviceAnswers());
+    for (int i = 0; i < 1000 && countEntries(victimFds) != fdsBefore; i++) usleep(10000);
+    EXPECT_EQ(fdsBefore, countEntries(victimFds));
 }
 
 TEST_F(HostileTest, AThousandConnectionsComeAndGo) {

@@ -6,6 +6,7 @@
 #include <binder/BpBinder.h>
 #include <log/log.h>
 
+#include "DirectState.h"
 #include "ThreadConnection.h"
 
 #include <errno.h>
@@ -27,7 +28,6 @@ pthread_key_t gTLS;
 pthread_once_t gTLSOnce = PTHREAD_ONCE_INIT;
 std::atomic<bool> gShutdown{false};
 
-
 // A received transaction or reply buffer, adopted by a Parcel until the Parcel frees it.
 struct ReceivedBuffer {
     uint8_t* frame;          // malloc'd frame payload holding the data and the offsets
@@ -35,10 +35,15 @@ struct ReceivedBuffer {
     std::vector<sp<IBinder>> proxies;  // proxies for the handles in the buffer
 };
 
+}  // namespace
+
+namespace hostbinder {
+
 // Fills in the descriptors received with a frame and counts the handles it carries.
-ReceivedBuffer* adoptFrame(InboundFrame& frame, uint64_t bufferId, Parcel* parcel) {
+void adoptFrame(InboundFrame& frame, uint64_t bufferId, Parcel* parcel) {
     hostbinder::FrameBody body = hostbinder::frameBody(frame.header, frame.payload);
     ReceivedBuffer* rb = new ReceivedBuffer{nullptr, bufferId, {}};
+    std::vector<pid_t> owners;
     size_t nextFd = 0;
     sp<ProcessState> proc = ProcessState::self();
     for (size_t i = 0; i < body.objectsCount; i++) {
@@ -47,7 +52,14 @@ ReceivedBuffer* adoptFrame(InboundFrame& frame, uint64_t bufferId, Parcel* parce
         memcpy(&copy, body.data + body.offsets[i], sizeof(copy));
         flat_binder_object* obj = &copy;
         if (obj->hdr.type == BINDER_TYPE_HANDLE) {
-            rb->proxies.push_back(proc->receiveHandle(static_cast<int32_t>(obj->handle)));
+            const int32_t handle = static_cast<int32_t>(obj->handle);
+            rb->proxies.push_back(proc->receiveHandle(handle));
+            if (handle != kServiceManagerHandle) {
+                // The runtime's introduction of the object's process (0: none).
+                const pid_t owner = static_cast<pid_t>(obj->binder >> 32);
+                proc->noteHandleOwner(handle, owner, obj->cookie);
+                if (owner > 0) owners.push_back(owner);
+            }
         } else if (obj->hdr.type == BINDER_TYPE_FD) {
             if (nextFd < frame.fds.size()) {
                 obj->handle = static_cast<uint32_t>(frame.fds[nextFd]);
@@ -65,7 +77,10 @@ ReceivedBuffer* adoptFrame(InboundFrame& frame, uint64_t bufferId, Parcel* parce
     parcel->ipcSetDataReference(body.data, body.dataSize,
                                 reinterpret_cast<const binder_size_t*>(body.offsets),
                                 body.objectsCount, IPCThreadState::freeBuffer, rb);
-    return rb;
+    if (!owners.empty()) {
+        IPCThreadState* self = IPCThreadState::self();
+        for (pid_t owner : owners) self->prepareDirectCalls(owner);
+    }
 }
 
 // The descriptors of the fd objects in `p`, in object order.
@@ -77,7 +92,7 @@ bool collectFds(const Parcel& p, std::vector<int>* fds) {
         memcpy(&obj, data + offsets[i], sizeof(obj));
         if (obj.hdr.type == BINDER_TYPE_FD) fds->push_back(static_cast<int>(obj.handle));
     }
-    return fds->size() <= hostbinder::kMaxFdsPerFrame;
+    return fds->size() <= kMaxFdsPerFrame;
 }
 
 // Local objects in `p` are counted as sent before the frame leaves.
@@ -95,7 +110,11 @@ void noteLocalObjects(const Parcel& p) {
     }
 }
 
-}  // namespace
+}  // namespace hostbinder
+
+using hostbinder::adoptFrame;
+using hostbinder::collectFds;
+using hostbinder::noteLocalObjects;
 
 static void makeKey() {
     pthread_key_create(&gTLS, IPCThreadState::threadDestructor);
@@ -143,9 +162,11 @@ IPCThreadState::IPCThreadState()
         mConnectionGeneration(0),
         mOnewayUnackedCalls(0),
         mOnewayUnackedBytes(0),
-        mOnewayMustAck(false) {}
+        mOnewayMustAck(false),
+        mDirect(new hostbinder::DirectState) {}
 
 IPCThreadState::~IPCThreadState() {
+    delete mDirect;
     delete mConnection;
 }
 
@@ -293,7 +314,7 @@ status_t IPCThreadState::ensureConnected() {
     mOnewayUnackedBytes = 0;
     mOnewayMustAck = false;
     hostbinder::Hello hello{hostbinder::kWireMagic, hostbinder::kWireVersion,
-                            hostbinder::kRoleThread, 0};
+                            hostbinder::kRoleThread, 0, 0};
     iovec part{&hello, sizeof(hello)};
     return mConnection->send(hostbinder::kFrameHello, 0, &part, 1);
 }
@@ -335,6 +356,16 @@ status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& d
     }
     noteLocalObjects(data);
     const bool oneway = (flags & IBinder::FLAG_ONEWAY) != 0;
+    pid_t owner = 0;
+    uint64_t token = 0;
+    if (!oneway && handle != hostbinder::kServiceManagerHandle &&
+        mProcess->handleOwner(handle, &owner, &token)) {
+        // Synchronous calls on another process's object go straight to it, when it can be
+        // reached; otherwise through the runtime, which also knows whether it is still alive.
+        if (IPCThreadState::DirectConnection conn = directConnection(owner)) {
+            return transactDirect(conn, token, code, data, reply, flags, fds.data(), fds.size());
+        }
+    }
     const size_t bodyBytes = data.ipcDataSize() + data.ipcObjectsCount() * sizeof(uint64_t);
     bool ackWanted = false;
     if (oneway) {

@@ -39,6 +39,7 @@ Broker::~Broker() {
         delete c;
     }
     for (Conn* c : mClosing) delete c;
+    for (auto& [id, parked] : mParked) closeAll(&parked.fds);
     for (auto& [pid, p] : mProcs) {
         for (Work& w : p->todo) {
             if (w.txn != nullptr) {

@@ -148,6 +148,9 @@ private:
     struct Proc {
         pid_t pid = 0;
         uid_t uid = 0;
+        uint64_t tokenKey = 0;  // masks the object names its direct peers get
+        size_t parkedCount = 0;  // bodies it parked that are not fetched yet
+        size_t parkedBytes = 0;
         Conn* control = nullptr;
         std::set<Conn*> conns;
         std::unordered_map<uint64_t, std::unique_ptr<Node>> nodes;
@@ -209,6 +212,21 @@ private:
     void dropOneway(Txn* t);
     void ackOneway(Conn* c, int32_t status);
 
+    // Bodies parked for direct peers.
+    struct Parked {
+        Proc* creator = nullptr;
+        pid_t forPid = 0;
+        std::vector<uint8_t> body;  // translated offsets then data
+        uint32_t dataSize = 0;
+        uint32_t objectsCount = 0;
+        std::vector<int> fds;
+        std::vector<Node*> held;
+    };
+    void handlePark(Conn* c, InboundFrame& f);
+    void handleFetch(Conn* c, InboundFrame& f);
+    void discardParked(uint64_t id);
+    void discardParkedOf(Proc* p);
+
     // The broker's own services.
     void serveBuiltin(Conn* c, Node* target, Txn* txn);
     int32_t serveServiceManager(Conn* c, Txn* txn, BrokerParcelWriter* reply,
@@ -232,6 +250,8 @@ private:
     // Nodes whose process is gone, kept while other processes still refer to them.
     std::unordered_map<Node*, std::unique_ptr<Node>> mOrphans;
     uint64_t mNextBufferId = 1;
+    std::unordered_map<uint64_t, Parked> mParked;
+    uint64_t mNextParkId = 1;
 };
 
 }  // namespace hostbinder

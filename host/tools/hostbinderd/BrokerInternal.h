@@ -24,6 +24,9 @@ constexpr size_t kMaxBuffersPerProc = 1 << 17;
 constexpr size_t kMaxAsyncQueuedBytes = 32 * 1024 * 1024;
 constexpr size_t kQueuedCallOverhead = 256;
 constexpr size_t kQueuedFdCost = 64 * 1024;
+// Bodies a process parked for direct peers and that are not fetched yet.
+constexpr size_t kMaxParkedPerProc = 256;
+constexpr size_t kMaxParkedBytesPerProc = 64 * 1024 * 1024;
 constexpr size_t kMaxServices = 4096;
 constexpr size_t kMaxServiceName = 1024;
 constexpr uint32_t kMaxThreadsLimit = 1024;

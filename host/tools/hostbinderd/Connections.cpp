@@ -200,6 +200,7 @@ void Broker::handleHello(Conn* c, InboundFrame& f) {
         p->uid = c->uid;
         p->control = c;
         p->maxThreads = std::min(h.maxThreads, kMaxThreadsLimit);
+        p->tokenKey = h.tokenKey;
         p->conns.insert(c);
         c->proc = p;
         c->role = kRoleProcess;
@@ -294,6 +295,12 @@ void Broker::handleFrame(Conn* c, InboundFrame& f) {
             dispatch(p);
             return;
         }
+        case kFramePark:
+            handlePark(c, f);
+            return;
+        case kFrameFetch:
+            handleFetch(c, f);
+            return;
         case kFrameSetMaxThreads:
             p->maxThreads = std::min(f.fixed<SetMaxThreads>().maxThreads, kMaxThreadsLimit);
             dispatch(p);

@@ -110,6 +110,7 @@ void Broker::killProc(Proc* p) {
     p->nodes.clear();
     for (Txn* t : pending) endTxn(t);
 
+    discardParkedOf(p);
     std::unordered_map<uint64_t, Buffer> buffers;
     buffers.swap(p->buffers);
     for (auto& [id, b] : buffers) {

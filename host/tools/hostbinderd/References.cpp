@@ -95,6 +95,13 @@ void Broker::deliverNode(Node* n, Proc* target, flat_binder_object* obj,
     acquireNode(n);
     obj->hdr.type = BINDER_TYPE_HANDLE;
     obj->handle = static_cast<uint32_t>(r->handle);
+    // The introduction to the object's process for direct calls: its pid, and a name for the
+    // object that only its own process can turn back into the object.
+    // The pid goes in the upper half of the word whose lower half is the handle.
+    if (n->owner != nullptr && !n->owner->dying && !n->dead) {
+        obj->binder = (static_cast<uint64_t>(n->owner->pid) << 32) | uint32_t(r->handle);
+        obj->cookie = n->cookie ^ n->owner->tokenKey;
+    }
 }
 
 // Resolves every binder object of a body sent by `sender` to its node (held in `held`) and
