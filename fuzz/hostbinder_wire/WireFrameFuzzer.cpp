@@ -1,6 +1,7 @@
-// Arbitrary bytes arriving on a runtime connection: the reader either yields frames whose
-// fixed part, bodies and object tables are consistent, or reports the stream malformed. Never
-// reads out of bounds, never allocates beyond the frame limit.
+// Arbitrary bytes arriving on a runtime connection or a direct connection between processes:
+// the reader either yields frames whose fixed part, bodies and object tables are consistent,
+// or reports the stream malformed. Never reads out of bounds, never allocates beyond the frame
+// limit, and direct frames never carry objects or descriptors.
 #include "WireSocket.h"
 
 #include <linux/android/binder.h>
@@ -35,6 +36,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
         if (hasBody(frame.header.type)) {
             FrameBody body = frameBody(frame.header, frame.payload);
+            const bool direct = frame.header.type == kFrameDirectCall ||
+                                frame.header.type == kFrameDirectReply;
+            if (direct && (body.objectsCount != 0 || !frame.fds.empty())) __builtin_trap();
             if (validateObjects(body) >= 0) {
                 // Every listed object lies inside the data.
                 for (size_t i = 0; i < body.objectsCount; i++) {

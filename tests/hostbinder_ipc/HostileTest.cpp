@@ -3,11 +3,15 @@
 // runtime's descriptors and threads return to where they were.
 #include <hostbinder_test/Runtime.h>
 
+#include "TestService.h"
 #include "WireProtocol.h"
 #include "WireSocket.h"
 
+#include <binder/Parcel.h>
 #include <gtest/gtest.h>
 #include <linux/android/binder.h>
+#include <utils/Errors.h>
+#include <utils/String16.h>
 
 #include <dirent.h>
 #include <poll.h>
@@ -63,7 +67,7 @@ public:
 
     // Joins as a process; true when the runtime acknowledged.
     bool hello(uint32_t magic = kWireMagic) {
-        Hello h{magic, kWireVersion, kRoleProcess, 15};
+        Hello h{magic, kWireVersion, kRoleProcess, 15, 0};
         std::vector<uint8_t> bytes(sizeof(h));
         memcpy(bytes.data(), &h, sizeof(h));
         sendFrame(kFrameHello, bytes, 0);
@@ -89,6 +93,16 @@ public:
         sendFrame(kFrameTransaction, payload, mSeq++, fds);
     }
 
+    // The next frame from the runtime, waiting up to `timeoutMs`.
+    bool readFrame(InboundFrame* out, int timeoutMs = 5000) {
+        for (;;) {
+            FrameReader::Result r = mReader.pop(out);
+            if (r == FrameReader::Result::kFrame) return true;
+            if (r == FrameReader::Result::kMalformed) return false;
+            if (!readable(timeoutMs) || mReader.fill(mFd, 0) <= 0) return false;
+        }
+    }
+
     // True when the runtime closed this connection within the timeout.
     bool droppedWithin(int timeoutMs) {
         char buf[4096];
@@ -109,6 +123,7 @@ private:
         return poll(&p, 1, timeoutMs) > 0;
     }
     int mFd;
+    FrameReader mReader;
 };
 
 std::vector<uint8_t> flatObject(uint32_t type, uint64_t binder, uint64_t cookie) {
@@ -226,8 +241,19 @@ TEST_F(HostileTest, ProtocolViolationsDropOnlyTheOffender) {
              [](RawPeer& p) { p.sendStruct(kFrameReleaseHandle, HandleCount{9, 0, 1}); }},
             {"free of an unknown buffer", true,
              [](RawPeer& p) { p.sendStruct(kFrameFreeBuffer, BufferRef{12345}); }},
+            {"one-way calls beyond the unacknowledged window", true,
+             [](RawPeer& p) {
+                 for (uint32_t i = 0; i <= kOnewayWindowCalls; i++) {
+                     p.transaction(0, 1 /* FLAG_ONEWAY */, {}, std::vector<uint8_t>(8));
+                 }
+             }},
+            {"a runtime frame naming another sender", true,
+             [](RawPeer& p) {
+                 IncomingTransaction t{0, 0, 0, 1, 0, 1, 0, 0, 0};
+                 p.sendStruct(kFrameIncomingTransaction, t);
+             }},
             {"second hello", true,
-             [](RawPeer& p) { p.sendStruct(kFrameHello, Hello{kWireMagic, kWireVersion, 1, 1}); }},
+             [](RawPeer& p) { p.sendStruct(kFrameHello, Hello{kWireMagic, kWireVersion, 1, 1, 0}); }},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -239,6 +265,93 @@ TEST_F(HostileTest, ProtocolViolationsDropOnlyTheOffender) {
         c.abuse(peer);
         EXPECT_TRUE(peer.droppedWithin(3000));
     }
+}
+
+// A process that writes someone else's identity into every field it controls (the spare
+// header and transaction words, its hello, the work source and the data), through the runtime
+// and straight to the callee's process, is still seen by the callee as itself.
+TEST_F(HostileTest, ForgedIdentityIsNeverBelieved) {
+    const uint32_t forgedPid = static_cast<uint32_t>(mService->pid());
+    const uint32_t forgedUid = getuid() == 0 ? 4321 : 0;
+    RawPeer process(mRuntime->socketPath());
+    ASSERT_TRUE(process.hello());
+    RawPeer thread(mRuntime->socketPath());
+    Hello hello{kWireMagic, kWireVersion, kRoleThread, forgedPid, forgedPid};
+    std::vector<uint8_t> bytes(sizeof(hello));
+    memcpy(bytes.data(), &hello, sizeof(hello));
+    thread.sendFrame(kFrameHello, bytes, 0);
+
+    uint32_t seq = 1;
+    // A synchronous call on `thread`, every spare word forged; returns the reply's data.
+    auto call = [&](int32_t handle, uint32_t code, const android::Parcel& data,
+                    InboundFrame* reply) {
+        Transaction t{handle, code, 0, static_cast<uint32_t>(data.ipcDataSize()),
+                      static_cast<uint32_t>(data.ipcObjectsCount()), forgedPid};
+        FrameHeader h{static_cast<uint32_t>(sizeof(t) + data.ipcDataSize()), kFrameTransaction,
+                      0, seq++, forgedUid};
+        std::vector<uint8_t> frame(sizeof(h) + h.size);
+        memcpy(frame.data(), &h, sizeof(h));
+        memcpy(frame.data() + sizeof(h), &t, sizeof(t));
+        memcpy(frame.data() + sizeof(h) + sizeof(t), reinterpret_cast<const void*>(data.ipcData()),
+               data.ipcDataSize());
+        thread.sendBytes(frame.data(), frame.size());
+        ASSERT_TRUE(thread.readFrame(reply));
+        ASSERT_EQ(kFrameIncomingReply, reply->header.type);
+        ASSERT_EQ(android::NO_ERROR, reply->fixed<IncomingReply>().status);
+    };
+
+    android::Parcel lookup;
+    lookup.writeInt32(int32_t(0x80000000u));  // strict-mode policy with the gather bit
+    lookup.writeInt32(static_cast<int32_t>(forgedUid));  // the work source
+    lookup.writeString16(android::String16("android.os.IServiceManager"));
+    lookup.writeString16(android::String16("victim"));
+    InboundFrame found;
+    call(kServiceManagerHandle, 2 /* CHECK_SERVICE */, lookup, &found);
+    FrameBody body = frameBody(found.header, found.payload);
+    ASSERT_EQ(1u, body.objectsCount);
+    flat_binder_object obj;
+    memcpy(&obj, body.data + body.offsets[0], sizeof(obj));
+    ASSERT_EQ(uint32_t(BINDER_TYPE_HANDLE), obj.hdr.type);
+
+    android::Parcel ask;
+    ask.writeInt32(static_cast<int32_t>(forgedPid));
+    ask.writeInt32(static_cast<int32_t>(forgedUid));
+    InboundFrame seen;
+    call(static_cast<int32_t>(obj.handle), hostbinder_ipc::kWhoCalls, ask, &seen);
+    body = frameBody(seen.header, seen.payload);
+    ASSERT_EQ(8u, body.dataSize);
+    int32_t who[2];
+    memcpy(who, body.data, sizeof(who));
+    EXPECT_EQ(getpid(), who[0]);
+    EXPECT_EQ(static_cast<int32_t>(getuid()), who[1]);
+
+    // The same call straight to the service's process, with the name the runtime gave for
+    // the object: the service takes the caller from the connection it accepted.
+    const pid_t owner = static_cast<pid_t>(obj.binder >> 32);
+    ASSERT_EQ(mService->pid(), owner);
+    int direct = connectDirect(directAddress(mRuntime->socketPath().c_str(), owner));
+    ASSERT_GE(direct, 0);
+    DirectCall dc{obj.cookie, 0, hostbinder_ipc::kWhoCalls, 0, 8, 0};
+    FrameHeader h{sizeof(dc) + 8, kFrameDirectCall, 0, forgedPid, forgedUid};
+    std::vector<uint8_t> frame(sizeof(h) + h.size);
+    memcpy(frame.data(), &h, sizeof(h));
+    memcpy(frame.data() + sizeof(h), &dc, sizeof(dc));
+    const uint32_t forged[2] = {forgedPid, forgedUid};
+    memcpy(frame.data() + sizeof(h) + sizeof(dc), forged, sizeof(forged));
+    ASSERT_EQ(ssize_t(frame.size()), ::send(direct, frame.data(), frame.size(), MSG_NOSIGNAL));
+    FrameReader reader;
+    InboundFrame answer;
+    while (reader.pop(&answer) != FrameReader::Result::kFrame) {
+        ASSERT_GT(reader.fill(direct, 0), 0);
+    }
+    close(direct);
+    ASSERT_EQ(kFrameDirectReply, answer.header.type);
+    ASSERT_EQ(android::NO_ERROR, answer.fixed<DirectReply>().status);
+    body = frameBody(answer.header, answer.payload);
+    ASSERT_EQ(8u, body.dataSize);
+    memcpy(who, body.data, sizeof(who));
+    EXPECT_EQ(getpid(), who[0]);
+    EXPECT_EQ(static_cast<int32_t>(getuid()), who[1]);
 }
 
 TEST_F(HostileTest, TruncatedFramesAndAbandonedConnections) {
@@ -261,12 +374,110 @@ TEST_F(HostileTest, TruncatedFramesAndAbandonedConnections) {
     }
     // A thread connection of a process that never joined.
     RawPeer orphan(mRuntime->socketPath());
-    Hello h{kWireMagic, kWireVersion, kRoleThread, 0};
+    Hello h{kWireMagic, kWireVersion, kRoleThread, 0, 0};
     std::vector<uint8_t> bytes(sizeof(h));
     memcpy(bytes.data(), &h, sizeof(h));
     orphan.sendFrame(kFrameHello, bytes, 0);
     EXPECT_TRUE(orphan.droppedWithin(3000));
     EXPECT_TRUE(serviceAnswers());
+}
+
+// Direct connections to a process: whatever a peer sends there costs it its connection, or
+// gets its call refused, and nothing else; the process's descriptors return to where they were.
+TEST_F(HostileTest, DirectPeersBreakingTheProtocolLoseOnlyTheirConnection) {
+    RawPeer process(mRuntime->socketPath());
+    ASSERT_TRUE(process.hello());
+    RawPeer thread(mRuntime->socketPath());
+    Hello hello{kWireMagic, kWireVersion, kRoleThread, 0, 0};
+    std::vector<uint8_t> bytes(sizeof(hello));
+    memcpy(bytes.data(), &hello, sizeof(hello));
+    thread.sendFrame(kFrameHello, bytes, 0);
+    android::Parcel lookup;
+    lookup.writeInt32(int32_t(0x80000000u));
+    lookup.writeInt32(-1);
+    lookup.writeString16(android::String16("android.os.IServiceManager"));
+    lookup.writeString16(android::String16("victim"));
+    thread.transaction(kServiceManagerHandle, 0, {},
+                       std::vector<uint8_t>(reinterpret_cast<const uint8_t*>(lookup.ipcData()),
+                                            reinterpret_cast<const uint8_t*>(lookup.ipcData()) +
+                                                    lookup.ipcDataSize()));
+    InboundFrame found;
+    ASSERT_TRUE(thread.readFrame(&found));
+    FrameBody body = frameBody(found.header, found.payload);
+    ASSERT_EQ(1u, body.objectsCount);
+    flat_binder_object obj;
+    memcpy(&obj, body.data + body.offsets[0], sizeof(obj));
+    const pid_t owner = static_cast<pid_t>(obj.binder >> 32);
+    ASSERT_EQ(mService->pid(), owner);
+    const std::string address = directAddress(mRuntime->socketPath().c_str(), owner);
+    const std::string victimFds = "/proc/" + std::to_string(owner) + "/fd";
+    const int fdsBefore = countEntries(victimFds);
+
+    auto frame = [](uint16_t type, const void* fixed, size_t len, uint32_t extra = 0) {
+        FrameHeader h{static_cast<uint32_t>(len + extra), type, 0, 0, 0};
+        std::vector<uint8_t> out(sizeof(h) + len + extra);
+        memcpy(out.data(), &h, sizeof(h));
+        memcpy(out.data() + sizeof(h), fixed, len);
+        return out;
+    };
+    struct Case {
+        const char* what;
+        std::vector<uint8_t> bytes;
+        int32_t refusedWith;  // 0: the connection is dropped
+    };
+    std::vector<uint8_t> junk(4096);
+    for (size_t i = 0; i < junk.size(); i++) junk[i] = uint8_t(i * 131 + 7);
+    const DirectReply strayReply{0, 0, 0, 0, 0};
+    const DirectCall forgedObject{obj.cookie ^ 0x5a5a0000u, 0, hostbinder_ipc::kEcho, 0, 0, 0};
+    const DirectCall othersBody{obj.cookie, 12345, hostbinder_ipc::kEcho, 0, 0, 0};
+    const IncomingTransaction runtimeFrame{0, 0, 0, 1, 0, 1, 0, 0, 0};
+    const DirectCall cutShort{obj.cookie, 0, hostbinder_ipc::kEcho, 0, 64, 0};
+    const Case cases[] = {
+            {"garbage", junk, 0},
+            {"a reply nobody asked for", frame(kFrameDirectReply, &strayReply, sizeof(strayReply)),
+             0},
+            {"a runtime frame", frame(kFrameIncomingTransaction, &runtimeFrame,
+                                      sizeof(runtimeFrame)),
+             0},
+            {"a call on an object it was never given",
+             frame(kFrameDirectCall, &forgedObject, sizeof(forgedObject)), android::DEAD_OBJECT},
+            {"a call naming a body it did not park",
+             frame(kFrameDirectCall, &othersBody, sizeof(othersBody)), android::BAD_VALUE},
+            {"a call cut short", frame(kFrameDirectCall, &cutShort, sizeof(cutShort), 64), 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        int fd = connectDirect(address);
+        ASSERT_GE(fd, 0);
+        // The cut-short call loses its last bytes, then its sender.
+        const size_t len = c.bytes.size() - (strcmp(c.what, "a call cut short") == 0 ? 40 : 0);
+        ASSERT_EQ(ssize_t(len), ::send(fd, c.bytes.data(), len, MSG_NOSIGNAL));
+        if (c.refusedWith != 0) {
+            FrameReader reader;
+            InboundFrame answer;
+            pollfd p{fd, POLLIN, 0};
+            while (reader.pop(&answer) != FrameReader::Result::kFrame) {
+                ASSERT_EQ(1, poll(&p, 1, 5000));
+                ASSERT_GT(reader.fill(fd, 0), 0);
+            }
+            ASSERT_EQ(kFrameDirectReply, answer.header.type);
+            EXPECT_EQ(c.refusedWith, answer.fixed<DirectReply>().status);
+        } else if (strcmp(c.what, "a call cut short") != 0) {
+            pollfd p{fd, POLLIN, 0};
+            ASSERT_EQ(1, poll(&p, 1, 5000));
+            char b;
+            EXPECT_EQ(0, recv(fd, &b, 1, 0));
+        }
+        close(fd);
+    }
+    for (int i = 0; i < 300; i++) {
+        int fd = connectDirect(address);
+        ASSERT_GE(fd, 0) << i;
+        close(fd);
+    }
+    EXPECT_TRUE(serviceAnswers());
+    for (int i = 0; i < 1000 && countEntries(victimFds) != fdsBefore; i++) usleep(10000);
+    EXPECT_EQ(fdsBefore, countEntries(victimFds));
 }
 
 TEST_F(HostileTest, AThousandConnectionsComeAndGo) {

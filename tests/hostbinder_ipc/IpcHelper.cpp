@@ -391,6 +391,56 @@ int flood(int, char** argv) {
     return 0;
 }
 
+// burst NAME SENDER CALLS BYTES: one-way calls of BYTES each, numbered by the calls taken
+// so far (a refused call's number is used again), then how many were taken and refused.
+int burst(int, char** argv) {
+    sp<IBinder> b = need(argv[2]);
+    const int32_t sender = atoi(argv[3]);
+    const int calls = atoi(argv[4]);
+    const std::vector<uint8_t> blob(static_cast<size_t>(atoi(argv[5])), 0x6b);
+    int32_t taken = 0, refused = 0, other = 0;
+    for (int i = 0; i < calls; i++) {
+        Parcel data;
+        data.writeInt32(sender);
+        data.writeInt32(taken);
+        data.write(blob.data(), blob.size());
+        const status_t err = b->transact(kOneway, data, nullptr, IBinder::FLAG_ONEWAY);
+        if (err == NO_ERROR) {
+            taken++;
+        } else if (err == FAILED_TRANSACTION) {
+            refused++;
+        } else {
+            other++;
+        }
+    }
+    say("taken=%d refused=%d other=%d", taken, refused, other);
+    return 0;
+}
+
+// gate NAME 1|0: holds back or lets go NAME's one-way calls; with 0, then waits (20 s at
+// most) until it has received EXPECTED calls and reports what it saw.
+int gate(int argc, char** argv) {
+    sp<IBinder> b = need(argv[2]);
+    Parcel reply;
+    status_t err = call(b, kGate, &reply, {atoi(argv[3])});
+    if (err != NO_ERROR) return say("error=gate %d", err), 1;
+    if (argc < 5) return say("gate=%s", argv[3]), 0;
+    const int32_t expected = atoi(argv[4]);
+    const int64_t deadline = monotonicMs() + 20000;
+    while (monotonicMs() < deadline) {
+        Parcel stats;
+        call(b, kOnewayStats, &stats);
+        if (stats.readInt32() >= expected) break;
+        usleep(10 * 1000);
+    }
+    usleep(100 * 1000);  // anything beyond what was taken would show up by now
+    Parcel stats;
+    call(b, kOnewayStats, &stats);
+    const int32_t received = stats.readInt32();
+    say("received=%d out_of_order=%d", received, stats.readInt32());
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -409,6 +459,7 @@ int main(int argc, char** argv) {
             {"nested", 4, nested}, {"death", 4, death},   {"fd", 4, fd},
             {"limits", 3, limits}, {"dump", 3, dump},     {"sm", 2, sm},
             {"perm", 3, perm},     {"flood", 4, flood},  {"caller-perm", 5, callerPerm},
+            {"burst", 6, burst},   {"gate", 4, gate},
     };
     for (const auto& m : modes) {
         if (mode == m.name) {

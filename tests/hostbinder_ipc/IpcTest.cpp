@@ -144,6 +144,31 @@ TEST_F(IpcTest, OnewayCallsToOneObjectArriveInOrder) {
     EXPECT_EQ("0", field(out, "out_of_order"));
 }
 
+TEST_F(IpcTest, OnewayFloodIntoAStalledReceiverIsDeliveredOrRefusedNeverLost) {
+    startRuntime();
+    auto service = startHelper({"serve", "sink"}, "ready");
+    runHelper({"gate", "sink", "1"});
+    // Three processes send 64 KB one-way calls while the receiver holds them back: far more
+    // than its queue takes. Each sender numbers its calls by those taken so far.
+    std::vector<std::unique_ptr<ChildProcess>> senders;
+    for (int i = 0; i < 3; i++) {
+        senders.push_back(startHelper({"burst", "sink", std::to_string(i), "400", "65536"}));
+    }
+    int taken = 0, refused = 0;
+    for (auto& sender : senders) {
+        ASSERT_EQ(0, sender->wait(60000)) << sender->output();
+        taken += std::stoi(field(sender->output(), "taken"));
+        refused += std::stoi(field(sender->output(), "refused"));
+        EXPECT_EQ("0", field(sender->output(), "other")) << sender->output();
+    }
+    EXPECT_GT(refused, 0);
+    EXPECT_GT(taken, 0);
+    // Once let go, the receiver gets exactly the calls that were taken, each sender's in order.
+    const std::string out = runHelper({"gate", "sink", "0", std::to_string(taken)}, 60000);
+    EXPECT_EQ(std::to_string(taken), field(out, "received"));
+    EXPECT_EQ("0", field(out, "out_of_order"));
+}
+
 TEST_F(IpcTest, NestedCallsRunOnTheWaitingThreadWithOnePoolThread) {
     startRuntime();
     auto service = startHelper({"serve", "bouncer", "0"}, "ready");

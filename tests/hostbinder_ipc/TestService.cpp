@@ -85,6 +85,7 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
             const int32_t sender = data.readInt32();
             const int32_t seq = data.readInt32();
             Mutex::Autolock _l(mLock);
+            while (mGateClosed) mGateOpened.wait(mLock);
             mOnewayReceived++;
             auto it = mLastSeq.find(sender);
             const int32_t expected = it == mLastSeq.end() ? 0 : it->second + 1;
@@ -184,6 +185,12 @@ status_t TestService::onTransact(uint32_t code, const Parcel& data, Parcel* repl
             const bool granted = checkCallingPermission(data.readString16(), &pid, &uid);
             reply->writeInt32(granted ? 1 : 0);
             return reply->writeInt32(uid);
+        }
+        case kGate: {
+            Mutex::Autolock _l(mLock);
+            mGateClosed = data.readInt32() != 0;
+            if (!mGateClosed) mGateOpened.broadcast();
+            return NO_ERROR;
         }
         case kThreadId:
             return reply->writeInt32(static_cast<int32_t>(syscall(SYS_gettid)));

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <binder/Binder.h>
+#include <utils/Condition.h>
 #include <utils/Mutex.h>
 
 #include <map>
@@ -32,6 +33,7 @@ enum : uint32_t {
     kDeathLog,            // -> String16 of the death notices seen ("0,1,2")
     kThreadId,            // -> int32 gettid of the serving thread
     kCallerPermission,    // String16 permission -> int32 granted to the caller, int32 its uid
+    kGate,                // int32 1: kOneway calls wait from now on; 0: they go on
 };
 
 // Prints "destroyed <id>" on stdout when the last strong reference goes.
@@ -58,6 +60,8 @@ private:
     class Recipient;
 
     android::Mutex mLock;
+    android::Condition mGateOpened;
+    bool mGateClosed = false;
     android::sp<android::IBinder> mStored;
     std::map<int32_t, int32_t> mLastSeq;
     int32_t mOnewayReceived = 0;

@@ -6,6 +6,7 @@
 #include <binder/BpBinder.h>
 #include <log/log.h>
 
+#include "DirectState.h"
 #include "ThreadConnection.h"
 
 #include <errno.h>
@@ -28,30 +29,6 @@ pthread_key_t gTLS;
 pthread_once_t gTLSOnce = PTHREAD_ONCE_INIT;
 std::atomic<bool> gShutdown{false};
 
-// exit() destroys the process's static objects while pool threads may still be serving a call
-// or a death notice that uses them. From the moment exit begins, pool threads take no new work,
-// and exit waits a little for the work in hand (other than its own thread's) to end.
-std::atomic<int> gDispatching{0};
-std::atomic<bool> gExiting{false};
-thread_local bool tDispatching = false;
-pthread_once_t gExitGuardOnce = PTHREAD_ONCE_INIT;
-constexpr int kExitWaitMs = 500;
-
-void holdPoolAtExit() {
-    gExiting.store(true);
-    const int own = tDispatching ? 1 : 0;
-    for (int waited = 0; gDispatching.load() > own && waited < kExitWaitMs; ++waited) {
-        usleep(1000);
-    }
-}
-
-// Registered when the first pool thread starts serving, so after the static objects that
-// exist by then: exit runs it before it destroys them.
-void installExitGuard() {
-    atexit(holdPoolAtExit);
-}
-
-
 // A received transaction or reply buffer, adopted by a Parcel until the Parcel frees it.
 struct ReceivedBuffer {
     uint8_t* frame;          // malloc'd frame payload holding the data and the offsets
@@ -59,10 +36,15 @@ struct ReceivedBuffer {
     std::vector<sp<IBinder>> proxies;  // proxies for the handles in the buffer
 };
 
+}  // namespace
+
+namespace hostbinder {
+
 // Fills in the descriptors received with a frame and counts the handles it carries.
-ReceivedBuffer* adoptFrame(InboundFrame& frame, uint64_t bufferId, Parcel* parcel) {
+void adoptFrame(InboundFrame& frame, uint64_t bufferId, Parcel* parcel) {
     hostbinder::FrameBody body = hostbinder::frameBody(frame.header, frame.payload);
     ReceivedBuffer* rb = new ReceivedBuffer{nullptr, bufferId, {}};
+    std::vector<pid_t> owners;
     size_t nextFd = 0;
     sp<ProcessState> proc = ProcessState::self();
     for (size_t i = 0; i < body.objectsCount; i++) {
@@ -71,7 +53,14 @@ ReceivedBuffer* adoptFrame(InboundFrame& frame, uint64_t bufferId, Parcel* parce
         memcpy(&copy, body.data + body.offsets[i], sizeof(copy));
         flat_binder_object* obj = &copy;
         if (obj->hdr.type == BINDER_TYPE_HANDLE) {
-            rb->proxies.push_back(proc->receiveHandle(static_cast<int32_t>(obj->handle)));
+            const int32_t handle = static_cast<int32_t>(obj->handle);
+            rb->proxies.push_back(proc->receiveHandle(handle));
+            if (handle != kServiceManagerHandle) {
+                // The runtime's introduction of the object's process (0: none).
+                const pid_t owner = static_cast<pid_t>(obj->binder >> 32);
+                proc->noteHandleOwner(handle, owner, obj->cookie);
+                if (owner > 0) owners.push_back(owner);
+            }
         } else if (obj->hdr.type == BINDER_TYPE_FD) {
             if (nextFd < frame.fds.size()) {
                 obj->handle = static_cast<uint32_t>(frame.fds[nextFd]);
@@ -89,7 +78,10 @@ ReceivedBuffer* adoptFrame(InboundFrame& frame, uint64_t bufferId, Parcel* parce
     parcel->ipcSetDataReference(body.data, body.dataSize,
                                 reinterpret_cast<const binder_size_t*>(body.offsets),
                                 body.objectsCount, IPCThreadState::freeBuffer, rb);
-    return rb;
+    if (!owners.empty()) {
+        IPCThreadState* self = IPCThreadState::self();
+        for (pid_t owner : owners) self->prepareDirectCalls(owner);
+    }
 }
 
 // The descriptors of the fd objects in `p`, in object order.
@@ -101,7 +93,7 @@ bool collectFds(const Parcel& p, std::vector<int>* fds) {
         memcpy(&obj, data + offsets[i], sizeof(obj));
         if (obj.hdr.type == BINDER_TYPE_FD) fds->push_back(static_cast<int>(obj.handle));
     }
-    return fds->size() <= hostbinder::kMaxFdsPerFrame;
+    return fds->size() <= kMaxFdsPerFrame;
 }
 
 // Local objects in `p` are counted as sent before the frame leaves.
@@ -119,7 +111,11 @@ void noteLocalObjects(const Parcel& p) {
     }
 }
 
-}  // namespace
+}  // namespace hostbinder
+
+using hostbinder::adoptFrame;
+using hostbinder::collectFds;
+using hostbinder::noteLocalObjects;
 
 static void makeKey() {
     pthread_key_create(&gTLS, IPCThreadState::threadDestructor);
@@ -164,9 +160,14 @@ IPCThreadState::IPCThreadState()
         mStrictModePolicy(0),
         mLastTransactionBinderFlags(0),
         mIsLooper(false),
-        mConnectionGeneration(0) {}
+        mConnectionGeneration(0),
+        mOnewayUnackedCalls(0),
+        mOnewayUnackedBytes(0),
+        mOnewayMustAck(false),
+        mDirect(new hostbinder::DirectState) {}
 
 IPCThreadState::~IPCThreadState() {
+    delete mDirect;
     delete mConnection;
 }
 
@@ -310,8 +311,11 @@ status_t IPCThreadState::ensureConnected() {
     int fd = hostbinder::connectUnix(mProcess->socketPath().string());
     if (fd < 0) return DEAD_OBJECT;
     mConnection = new ThreadConnection(fd);
+    mOnewayUnackedCalls = 0;
+    mOnewayUnackedBytes = 0;
+    mOnewayMustAck = false;
     hostbinder::Hello hello{hostbinder::kWireMagic, hostbinder::kWireVersion,
-                            hostbinder::kRoleThread, 0};
+                            hostbinder::kRoleThread, 0, 0};
     iovec part{&hello, sizeof(hello)};
     return mConnection->send(hostbinder::kFrameHello, 0, &part, 1);
 }
@@ -327,21 +331,11 @@ void IPCThreadState::joinThreadPool(bool isMain) {
         NO_ERROR) {
         return;
     }
-    pthread_once(&gExitGuardOnce, installExitGuard);
     mIsLooper = true;
     for (;;) {
         InboundFrame frame;
         if (mConnection->read(&frame) != NO_ERROR) break;
-        gDispatching.fetch_add(1);
-        if (gExiting.load()) {
-            // The process is exiting: this thread serves nothing more.
-            gDispatching.fetch_sub(1);
-            for (;;) pause();
-        }
-        tDispatching = true;
         executeCommand(frame);
-        tDispatching = false;
-        gDispatching.fetch_sub(1);
     }
     mIsLooper = false;
 }
@@ -362,12 +356,36 @@ status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& d
         return err;
     }
     noteLocalObjects(data);
+    const bool oneway = (flags & IBinder::FLAG_ONEWAY) != 0;
+    pid_t owner = 0;
+    uint64_t token = 0;
+    if (!oneway && handle != hostbinder::kServiceManagerHandle &&
+        mProcess->handleOwner(handle, &owner, &token)) {
+        // Synchronous calls on another process's object go straight to it, when it can be
+        // reached; otherwise through the runtime, which also knows whether it is still alive.
+        if (IPCThreadState::DirectConnection conn = directConnection(owner)) {
+            return transactDirect(conn, token, code, data, reply, flags, fds.data(), fds.size());
+        }
+    }
+    const size_t bodyBytes = data.ipcDataSize() + data.ipcObjectsCount() * sizeof(uint64_t);
+    bool ackWanted = false;
+    if (oneway) {
+        // Within the window the call goes without waiting; beyond it the runtime says whether
+        // it took the call (see WireProtocol.h).
+        ackWanted = mOnewayMustAck || !fds.empty() ||
+                    mOnewayUnackedCalls >= hostbinder::kOnewayWindowCalls ||
+                    mOnewayUnackedBytes + bodyBytes > hostbinder::kOnewayWindowBytes;
+        if (!ackWanted) {
+            mOnewayUnackedCalls++;
+            mOnewayUnackedBytes += bodyBytes;
+        }
+    }
     hostbinder::Transaction t{handle,
                               code,
                               flags & IBinder::FLAG_ONEWAY,
                               static_cast<uint32_t>(data.ipcDataSize()),
                               static_cast<uint32_t>(data.ipcObjectsCount()),
-                              0};
+                              ackWanted ? hostbinder::kTransactionAckWanted : 0};
     iovec parts[3] = {
             {&t, sizeof(t)},
             {reinterpret_cast<void*>(data.ipcObjects()), data.ipcObjectsCount() * sizeof(uint64_t)},
@@ -376,7 +394,15 @@ status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& d
     err = mConnection->send(hostbinder::kFrameTransaction, mProcess->nextFrameSeq(), parts, 3,
                             fds.data(), fds.size());
     if (err != NO_ERROR) return err;
-    if (flags & IBinder::FLAG_ONEWAY) return NO_ERROR;
+    if (oneway && !ackWanted) return NO_ERROR;
+    if (oneway) {
+        Parcel ack;
+        err = waitForResponse(&ack, hostbinder::kFrameIncomingReply, nullptr);
+        mOnewayUnackedCalls = 0;
+        mOnewayUnackedBytes = 0;
+        mOnewayMustAck = (err == FAILED_TRANSACTION);
+        return err;
+    }
     if (reply != nullptr) return waitForResponse(reply, hostbinder::kFrameIncomingReply, nullptr);
     Parcel fakeReply;
     return waitForResponse(&fakeReply, hostbinder::kFrameIncomingReply, nullptr);

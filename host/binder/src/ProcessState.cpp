@@ -13,7 +13,10 @@
 #include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <unistd.h>
+
+#include <random>
 
 namespace android {
 
@@ -21,6 +24,13 @@ namespace android {
 // them until the process ends, static destructors included.
 static Mutex& gProcessMutex = *new Mutex;
 static sp<ProcessState>& gProcess = *new sp<ProcessState>;
+
+namespace {
+struct DirectArgs {
+    ProcessState* process;
+    int fd;
+};
+}  // namespace
 
 sp<ProcessState> ProcessState::self() {
     Mutex::Autolock _l(gProcessMutex);
@@ -47,10 +57,17 @@ ProcessState::ProcessState(const char* /*driver*/)
         mMaxThreads(15),
         mThreadPoolSeq(1),
         mThreadPoolStarted(false),
-        mCallRestriction(CallRestriction::NONE) {}
+        mCallRestriction(CallRestriction::NONE),
+        mTokenKey(0),
+        mDirectListenFd(-1),
+        mDirectServers(0) {
+    std::random_device random;
+    mTokenKey = (uint64_t(random()) << 32) ^ random();
+}
 
 ProcessState::~ProcessState() {
     if (mRuntimeFd >= 0) close(mRuntimeFd);
+    stopDirectListener();
 }
 
 sp<IBinder> ProcessState::getContextObject(const sp<IBinder>& /*caller*/) {
@@ -83,6 +100,7 @@ status_t ProcessState::connectRuntime(Vector<IBinder*>* released) {
         const bool moved = strcmp(hostbinder::instanceSocketPath(), mSocketPath.string()) != 0;
         if (!moved && poll(&pfd, 1, 0) == 0) return NO_ERROR;
         ALOGW("leaving the binder runtime at %s", mSocketPath.string());
+        stopDirectListener();
         close(mRuntimeFd);
         mRuntimeFd = -1;
         mFrameSeq = 1;
@@ -106,7 +124,8 @@ status_t ProcessState::connectRuntime(Vector<IBinder*>* released) {
         return DEAD_OBJECT;
     }
     hostbinder::Hello hello{hostbinder::kWireMagic, hostbinder::kWireVersion,
-                            hostbinder::kRoleProcess, static_cast<uint32_t>(maxThreads())};
+                            hostbinder::kRoleProcess, static_cast<uint32_t>(maxThreads()),
+                            mTokenKey};
     iovec part{&hello, sizeof(hello)};
     if (hostbinder::sendFrameBlocking(fd, hostbinder::kFrameHello, 0, &part, 1, nullptr, 0) != 0) {
         close(fd);
@@ -130,7 +149,117 @@ status_t ProcessState::connectRuntime(Vector<IBinder*>* released) {
         return DEAD_OBJECT;
     }
     mRuntimeFd = fd;
+    startDirectListener();
     return NO_ERROR;
+}
+
+// Direct connections from other processes of the instance: one thread accepts them, and each
+// is served by a thread of its own, which runs the calls of the peer thread at the other end
+// (and nested calls back to it) in order.
+void ProcessState::startDirectListener() {
+    int fd = hostbinder::listenDirect(hostbinder::directAddress(mSocketPath.string(), getpid()));
+    if (fd < 0) {
+        ALOGE("cannot listen for direct calls: %s", strerror(-fd));
+        return;
+    }
+    mDirectListenFd = fd;
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    pthread_t t;
+    incStrong(this);  // the accepting thread holds the process state
+    DirectArgs* args = new DirectArgs{this, fd};
+    if (pthread_create(&t, &attr, directAcceptMain, args) != 0) {
+        ALOGE("cannot start the direct call listener");
+        delete args;
+        decStrong(this);
+        close(fd);
+        mDirectListenFd = -1;
+    }
+    pthread_attr_destroy(&attr);
+}
+
+void ProcessState::stopDirectListener() {
+    // The accepting thread wakes up, closes the socket and ends.
+    if (mDirectListenFd >= 0) ::shutdown(mDirectListenFd, SHUT_RDWR);
+    mDirectListenFd = -1;
+}
+
+void* ProcessState::directAcceptMain(void* arg) {
+    DirectArgs* a = static_cast<DirectArgs*>(arg);
+    ProcessState* self = a->process;
+    const int listenFd = a->fd;
+    delete a;
+    pthread_setname_np(pthread_self(), "binder:direct");
+    constexpr int kMaxDirectServers = 1024;
+    for (;;) {
+        int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) {
+            if (errno == EINTR || errno == ECONNABORTED) continue;
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+                usleep(10 * 1000);
+                continue;
+            }
+            break;  // shut down
+        }
+        if (self->mDirectServers.load() >= kMaxDirectServers) {
+            close(fd);
+            continue;
+        }
+        self->mDirectServers++;
+        DirectArgs* args = new DirectArgs{self, fd};
+        pthread_attr_t attr;
+        pthread_attr_init(&attr);
+        pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+        pthread_t t;
+        if (pthread_create(&t, &attr, directServeMain, args) != 0) {
+            self->mDirectServers--;
+            close(fd);
+            delete args;
+        }
+        pthread_attr_destroy(&attr);
+    }
+    close(listenFd);
+    self->decStrong(self);
+    return nullptr;
+}
+
+void* ProcessState::directServeMain(void* arg) {
+    DirectArgs* a = static_cast<DirectArgs*>(arg);
+    ProcessState* self = a->process;
+    const int fd = a->fd;
+    delete a;
+    pthread_setname_np(pthread_self(), self->makeBinderThreadName().string());
+    IPCThreadState::self()->serveDirectConnection(fd);
+    self->mDirectServers--;
+    return nullptr;
+}
+
+void ProcessState::noteHandleOwner(int32_t handle, pid_t owner, uint64_t token) {
+    Mutex::Autolock _l(mLock);
+    ssize_t i = mHandleToObject.indexOfKey(handle);
+    if (i < 0) return;
+    handle_entry& e = mHandleToObject.editValueAt(i);
+    e.owner = owner;
+    e.token = token;
+}
+
+bool ProcessState::handleOwner(int32_t handle, pid_t* owner, uint64_t* token) {
+    Mutex::Autolock _l(mLock);
+    ssize_t i = mHandleToObject.indexOfKey(handle);
+    if (i < 0 || mHandleToObject.valueAt(i).owner <= 0) return false;
+    *owner = mHandleToObject.valueAt(i).owner;
+    *token = mHandleToObject.valueAt(i).token;
+    return true;
+}
+
+sp<IBinder> ProcessState::localForToken(uint64_t token) {
+    IBinder* candidate = reinterpret_cast<IBinder*>(token ^ mTokenKey);
+    Mutex::Autolock _l(mLock);
+    ssize_t i = mLocalSent.indexOfKey(candidate);
+    // Held by mLocalSent while its count is not zero, so it is alive.
+    if (i < 0 || mLocalSent.valueAt(i) <= 0) return nullptr;
+    return candidate;
 }
 
 bool ProcessState::instanceMoved() const {
@@ -156,12 +285,14 @@ sp<IBinder> ProcessState::getStrongProxyForHandle(int32_t handle) {
     if (result != nullptr) return result;
     const ssize_t i = mHandleToObject.indexOfKey(handle);
     BpBinder* b = BpBinder::create(handle);
-    handle_entry fresh{b, b->getWeakRefs(), 0};
+    handle_entry fresh{b, b->getWeakRefs(), 0, 0, 0};
     fresh.refs->incWeak(this);
     if (i >= 0) {
         handle_entry& e = mHandleToObject.editValueAt(i);
         // The dying proxy's deliveries pass on to the new one.
         fresh.received = e.received;
+        fresh.owner = e.owner;
+        fresh.token = e.token;
         if (e.refs != nullptr) e.refs->decWeak(this);
         e = fresh;
     } else {

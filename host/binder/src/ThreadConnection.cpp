@@ -5,6 +5,7 @@
 #include <log/log.h>
 #include <utils/Errors.h>
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace android {
@@ -19,12 +20,21 @@ void ThreadConnection::drop() {
     mFd = -1;
 }
 
+bool ThreadConnection::readPeer() {
+    ucred cred{};
+    socklen_t len = sizeof(cred);
+    if (mFd < 0 || getsockopt(mFd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) return false;
+    mPeerPid = cred.pid;
+    mPeerUid = cred.uid;
+    return true;
+}
+
 status_t ThreadConnection::read(InboundFrame* out) {
     for (;;) {
         FrameReader::Result r = mReader.pop(out);
         if (r == FrameReader::Result::kFrame) return NO_ERROR;
         if (r == FrameReader::Result::kMalformed) {
-            ALOGE("malformed frame from the binder runtime");
+            ALOGE("malformed frame on a binder connection");
             drop();
             return DEAD_OBJECT;
         }

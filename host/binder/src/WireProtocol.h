@@ -18,7 +18,7 @@ namespace android {
 namespace hostbinder {
 
 constexpr uint32_t kWireMagic = 0x444e4248;  // "HBND"
-constexpr uint32_t kWireVersion = 1;
+constexpr uint32_t kWireVersion = 2;
 
 // The largest transaction (data plus object offsets): 1 MB less two pages, as the kernel
 // driver's buffer.
@@ -27,6 +27,18 @@ constexpr size_t kFlatObjectSize = 24;
 constexpr size_t kMaxFdsPerFrame = 253;  // SCM_MAX_FD
 // The largest payload of any frame: a transaction's fixed part plus its data and offsets.
 constexpr size_t kMaxFramePayload = 64 + kMaxTransactionBytes;
+
+// One-way calls. A thread may send up to kOnewayWindowCalls one-way calls, together at most
+// kOnewayWindowBytes of data and offsets and with no descriptors, without waiting; every other
+// one-way call asks for an acknowledgement (kTransactionAckWanted) and waits for it: an
+// IncomingReply whose status says whether the runtime took the call (NO_ERROR), refused it
+// because its receiver's queue is full (FAILED_TRANSACTION; the thread then asks for an
+// acknowledgement with every call until one is taken), or found the receiver dead
+// (DEAD_OBJECT). An acknowledgement starts a new window. The runtime counts the same way and
+// drops a process whose thread goes beyond its window.
+constexpr uint32_t kTransactionAckWanted = 1;
+constexpr uint32_t kOnewayWindowCalls = 64;
+constexpr size_t kOnewayWindowBytes = 256 * 1024;
 
 // The runtime's own objects.
 constexpr int32_t kServiceManagerHandle = 0;
@@ -56,6 +68,8 @@ enum FrameType : uint16_t {
     kFrameEnterLooper = 8,    // EnterLooper
     kFrameLooperDone = 9,     // BufferRef (0: no buffer)
     kFrameSetMaxThreads = 10, // SetMaxThreads
+    kFramePark = 11,          // Park + offsets + data: a body with objects for a direct peer
+    kFrameFetch = 12,         // Fetch: takes a body a direct peer parked for this process
 
     // Runtime -> process.
     kFrameHelloAck = 32,             // HelloAck
@@ -65,6 +79,11 @@ enum FrameType : uint16_t {
     kFrameDeadBinder = 36,           // HandleRef
     kFrameDeathAck = 37,             // DeathAck
     kFrameSpawnLooper = 38,          // no payload
+    kFrameParkAck = 39,              // ParkAck
+
+    // Process <-> process, on a direct connection.
+    kFrameDirectCall = 48,   // DirectCall + data
+    kFrameDirectReply = 49,  // DirectReply + data
 };
 
 enum ConnectionRole : uint32_t {
@@ -77,8 +96,9 @@ struct Hello {
     uint32_t version;
     uint32_t role;        // ConnectionRole
     uint32_t maxThreads;  // pool size limit (kRoleProcess only)
+    uint64_t tokenKey;    // kRoleProcess: masks the object names handed to direct peers
 };
-static_assert(sizeof(Hello) == 16);
+static_assert(sizeof(Hello) == 24);
 
 struct HelloAck {
     uint32_t magic;
@@ -95,7 +115,7 @@ struct Transaction {
     uint32_t flags;
     uint32_t dataSize;
     uint32_t objectsCount;
-    uint32_t reserved;
+    uint32_t wireFlags;  // kTransactionAckWanted
 };
 static_assert(sizeof(Transaction) == 24);
 
@@ -176,6 +196,53 @@ struct ReleaseNode {
 };
 static_assert(sizeof(ReleaseNode) == 24);
 
+// A body with binder objects or descriptors on its way to a direct peer goes through the
+// runtime, which counts the objects for the peer (see docs/wire-protocol.md). Answered by
+// ParkAck.
+struct Park {
+    int32_t peerPid;  // the process that will fetch it
+    uint32_t reserved;
+    uint32_t dataSize;
+    uint32_t objectsCount;
+};
+static_assert(sizeof(Park) == 16);
+
+struct ParkAck {
+    uint64_t parkId;  // 0 when refused
+    int32_t status;
+    uint32_t reserved;
+};
+static_assert(sizeof(ParkAck) == 16);
+
+// Answered by IncomingReply carrying the parked body, translated for this process.
+struct Fetch {
+    int32_t peerPid;  // the process that parked it (as this process's direct connection says)
+    uint32_t reserved;
+    uint64_t parkId;
+};
+static_assert(sizeof(Fetch) == 16);
+
+// A synchronous call on a direct connection. The caller's identity is the connection's
+// SO_PEERCRED. Either the data follows (no objects), or parkId names the body in the runtime.
+struct DirectCall {
+    uint64_t token;  // the object, as the runtime named it to the caller
+    uint64_t parkId;
+    uint32_t code;
+    uint32_t flags;
+    uint32_t dataSize;
+    uint32_t objectsCount;  // always 0
+};
+static_assert(sizeof(DirectCall) == 32);
+
+struct DirectReply {
+    uint64_t parkId;
+    int32_t status;
+    uint32_t reserved;
+    uint32_t dataSize;
+    uint32_t objectsCount;  // always 0
+};
+static_assert(sizeof(DirectReply) == 24);
+
 // Size of the fixed part of each frame type; 0 for unknown types.
 constexpr size_t fixedPayloadSize(uint16_t type) {
     switch (type) {
@@ -196,13 +263,25 @@ constexpr size_t fixedPayloadSize(uint16_t type) {
         case kFrameDeadBinder: return sizeof(HandleRef);
         case kFrameDeathAck: return sizeof(DeathAck);
         case kFrameSpawnLooper: return 0;
+        case kFramePark: return sizeof(Park);
+        case kFrameFetch: return sizeof(Fetch);
+        case kFrameParkAck: return sizeof(ParkAck);
+        case kFrameDirectCall: return sizeof(DirectCall);
+        case kFrameDirectReply: return sizeof(DirectReply);
         default: return 0;
     }
 }
 
 constexpr bool hasBody(uint16_t type) {
     return type == kFrameTransaction || type == kFrameReply ||
-           type == kFrameIncomingTransaction || type == kFrameIncomingReply;
+           type == kFrameIncomingTransaction || type == kFrameIncomingReply ||
+           type == kFramePark || type == kFrameDirectCall || type == kFrameDirectReply;
+}
+
+// Frames that may carry descriptors.
+constexpr bool carriesFds(uint16_t type) {
+    return type == kFrameTransaction || type == kFrameReply ||
+           type == kFrameIncomingTransaction || type == kFrameIncomingReply || type == kFramePark;
 }
 
 // The socket of the instance this process joins: $HOSTBINDER_SOCKET, or kDefaultSocketPath.

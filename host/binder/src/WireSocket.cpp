@@ -3,6 +3,8 @@
 #include <linux/android/binder.h>
 
 #include <errno.h>
+#include <stddef.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -115,10 +117,7 @@ FrameReader::Result FrameReader::pop(InboundFrame* out) {
     if (h.size > kMaxFramePayload || h.fdCount > kMaxFdsPerFrame) return Result::kMalformed;
     if (fixed == 0 && h.type != kFrameSpawnLooper) return Result::kMalformed;
     if (h.size < fixed || (!hasBody(h.type) && h.size != fixed)) return Result::kMalformed;
-    if (h.fdCount != 0 && h.type != kFrameTransaction && h.type != kFrameReply &&
-        h.type != kFrameIncomingTransaction && h.type != kFrameIncomingReply) {
-        return Result::kMalformed;
-    }
+    if (h.fdCount != 0 && !carriesFds(h.type)) return Result::kMalformed;
     if (mEnd - mStart < sizeof(FrameHeader) + h.size) {
         // The descriptors of a frame arrive with its first byte: a frame that started must
         // already have them.
@@ -228,6 +227,20 @@ bool frameLooksValid(const FrameHeader& header, const uint8_t* payload) {
             auto* r = reinterpret_cast<const IncomingReply*>(payload);
             return bodyFits(sizeof(*r), r->objectsCount, r->dataSize, header.size);
         }
+        case kFramePark: {
+            auto* r = reinterpret_cast<const Park*>(payload);
+            return bodyFits(sizeof(*r), r->objectsCount, r->dataSize, header.size);
+        }
+        case kFrameDirectCall: {
+            auto* r = reinterpret_cast<const DirectCall*>(payload);
+            return r->objectsCount == 0 &&
+                   bodyFits(sizeof(*r), r->objectsCount, r->dataSize, header.size);
+        }
+        case kFrameDirectReply: {
+            auto* r = reinterpret_cast<const DirectReply*>(payload);
+            return r->objectsCount == 0 &&
+                   bodyFits(sizeof(*r), r->objectsCount, r->dataSize, header.size);
+        }
         default:
             return true;
     }
@@ -253,6 +266,16 @@ FrameBody frameBody(const FrameHeader& header, uint8_t* payload) {
         case kFrameIncomingReply:
             objects = reinterpret_cast<IncomingReply*>(payload)->objectsCount;
             data = reinterpret_cast<IncomingReply*>(payload)->dataSize;
+            break;
+        case kFramePark:
+            objects = reinterpret_cast<Park*>(payload)->objectsCount;
+            data = reinterpret_cast<Park*>(payload)->dataSize;
+            break;
+        case kFrameDirectCall:
+            data = reinterpret_cast<DirectCall*>(payload)->dataSize;
+            break;
+        case kFrameDirectReply:
+            data = reinterpret_cast<DirectReply*>(payload)->dataSize;
             break;
         default:
             return b;
@@ -288,6 +311,56 @@ ssize_t validateObjects(const FrameBody& body) {
         minOffset = off + kFlatObjectSize;
     }
     return fdObjects;
+}
+
+std::string directAddress(const char* instancePath, pid_t pid) {
+    // FNV-1a of the instance's socket path: one name space per instance.
+    uint64_t h = 1469598103934665603ull;
+    for (const char* p = instancePath; *p != '\0'; p++) {
+        h = (h ^ static_cast<uint8_t>(*p)) * 1099511628211ull;
+    }
+    char name[64];
+    snprintf(name, sizeof(name), "hostbinder.%016llx.%d", static_cast<unsigned long long>(h),
+             static_cast<int>(pid));
+    return name;
+}
+
+static socklen_t abstractAddress(const std::string& name, sockaddr_un* addr) {
+    memset(addr, 0, sizeof(*addr));
+    addr->sun_family = AF_UNIX;
+    const size_t len = std::min(name.size(), sizeof(addr->sun_path) - 1);
+    memcpy(addr->sun_path + 1, name.data(), len);
+    return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + len);
+}
+
+int listenDirect(const std::string& name) {
+    sockaddr_un addr;
+    const socklen_t len = abstractAddress(name, &addr);
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -errno;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0 || listen(fd, SOMAXCONN) != 0) {
+        int e = errno;
+        close(fd);
+        return -e;
+    }
+    return fd;
+}
+
+int connectDirect(const std::string& name) {
+    sockaddr_un addr;
+    const socklen_t len = abstractAddress(name, &addr);
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -errno;
+    int r;
+    do {
+        r = connect(fd, reinterpret_cast<sockaddr*>(&addr), len);
+    } while (r < 0 && errno == EINTR);
+    if (r < 0) {
+        int e = errno;
+        close(fd);
+        return -e;
+    }
+    return fd;
 }
 
 int connectUnix(const char* path) {

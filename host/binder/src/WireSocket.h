@@ -9,6 +9,7 @@
 #include <sys/uio.h>
 
 #include <deque>
+#include <string>
 #include <vector>
 
 namespace android {
@@ -93,6 +94,14 @@ FrameBody frameBody(const FrameHeader& header, uint8_t* payload);
 ssize_t validateObjects(const FrameBody& body);
 
 int connectUnix(const char* path);
+
+// Direct connections between the processes of one instance: each process listens on an
+// abstract Unix address named after the instance and its pid.
+std::string directAddress(const char* instancePath, pid_t pid);
+// Returns a listening descriptor, or -errno.
+int listenDirect(const std::string& name);
+// Returns a connected descriptor, or -errno.
+int connectDirect(const std::string& name);
 
 }  // namespace hostbinder
 }  // namespace android

@@ -100,6 +100,7 @@ private:
         uint32_t objectsCount = 0;
         std::vector<int> fds;
         std::vector<Node*> held;  // node references the receiving buffer holds
+        size_t queuedCost = 0;    // one-way: what it counts in its receiver's queue
     };
 
     struct Buffer {
@@ -128,6 +129,10 @@ private:
         bool looper = false;
         bool busy = false;
         uint64_t busyBuffer = 0;  // the one-way call's buffer it is handling
+        // One-way calls taken since the last acknowledgement (see WireProtocol.h).
+        uint32_t onewayUnackedCalls = 0;
+        size_t onewayUnackedBytes = 0;
+        bool onewayMustAck = false;
         Txn* stack = nullptr;
         struct Chunk {
             std::vector<uint8_t> bytes;
@@ -143,6 +148,9 @@ private:
     struct Proc {
         pid_t pid = 0;
         uid_t uid = 0;
+        uint64_t tokenKey = 0;  // masks the object names its direct peers get
+        size_t parkedCount = 0;  // bodies it parked that are not fetched yet
+        size_t parkedBytes = 0;
         Conn* control = nullptr;
         std::set<Conn*> conns;
         std::unordered_map<uint64_t, std::unique_ptr<Node>> nodes;
@@ -150,7 +158,7 @@ private:
         std::unordered_map<Node*, int32_t> handleOf;
         int32_t nextHandle = 1;
         std::deque<Work> todo;
-        size_t asyncQueuedBytes = 0;
+        size_t asyncQueuedBytes = 0;  // cost of the one-way calls queued for it
         uint32_t maxThreads = 15;
         uint32_t spawnedLoopers = 0;
         uint32_t requestedSpawns = 0;
@@ -202,6 +210,22 @@ private:
     void popDeadReplied(Conn* c);
     void endTxn(Txn* t);
     void dropOneway(Txn* t);
+    void ackOneway(Conn* c, int32_t status);
+
+    // Bodies parked for direct peers.
+    struct Parked {
+        Proc* creator = nullptr;
+        pid_t forPid = 0;
+        std::vector<uint8_t> body;  // translated offsets then data
+        uint32_t dataSize = 0;
+        uint32_t objectsCount = 0;
+        std::vector<int> fds;
+        std::vector<Node*> held;
+    };
+    void handlePark(Conn* c, InboundFrame& f);
+    void handleFetch(Conn* c, InboundFrame& f);
+    void discardParked(uint64_t id);
+    void discardParkedOf(Proc* p);
 
     // The broker's own services.
     void serveBuiltin(Conn* c, Node* target, Txn* txn);
@@ -226,6 +250,8 @@ private:
     // Nodes whose process is gone, kept while other processes still refer to them.
     std::unordered_map<Node*, std::unique_ptr<Node>> mOrphans;
     uint64_t mNextBufferId = 1;
+    std::unordered_map<uint64_t, Parked> mParked;
+    uint64_t mNextParkId = 1;
 };
 
 }  // namespace hostbinder

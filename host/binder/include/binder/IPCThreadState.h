@@ -12,11 +12,14 @@
 
 #include <sys/types.h>
 
+#include <memory>
+
 namespace android {
 
 namespace hostbinder {
 class ThreadConnection;
 struct InboundFrame;
+struct DirectState;
 }  // namespace hostbinder
 
 class IPCThreadState {
@@ -93,6 +96,11 @@ public:
     void releaseHandle(int32_t handle, uint64_t count);
     // Makes sure this thread is connected to the process's current runtime instance.
     status_t ensureRuntimeConnection();
+    // Serves the calls arriving on a direct connection from another process until it ends.
+    void serveDirectConnection(int fd);
+    // This thread received a handle whose object lives in `owner`: it connects to it now, so
+    // that its first call there finds the connection made.
+    void prepareDirectCalls(pid_t owner);
 
 private:
     IPCThreadState();
@@ -102,6 +110,18 @@ private:
     status_t waitForResponse(Parcel* reply, uint32_t wantType, int32_t* outValue);
     status_t executeCommand(hostbinder::InboundFrame& frame);
     status_t executeTransaction(hostbinder::InboundFrame& frame);
+
+    // Direct calls (DirectCalls.cpp).
+    using DirectConnection = std::shared_ptr<hostbinder::ThreadConnection>;
+    status_t transactDirect(const DirectConnection& conn, uint64_t token, uint32_t code,
+                            const Parcel& data, Parcel* reply, uint32_t flags, const int* fds,
+                            size_t fdCount);
+    DirectConnection directConnection(pid_t pid);
+    status_t waitForDirectReply(const DirectConnection& conn, Parcel* reply);
+    void executeDirectCall(const DirectConnection& conn, hostbinder::InboundFrame& frame);
+    status_t parkBody(pid_t peer, const Parcel& body, const int* fds, size_t fdCount,
+                      uint64_t* parkId);
+    status_t fetchParked(pid_t peer, uint64_t parkId, Parcel* out);
 
     const sp<ProcessState> mProcess;
     hostbinder::ThreadConnection* mConnection;
@@ -114,6 +134,11 @@ private:
     int32_t mLastTransactionBinderFlags;
     bool mIsLooper;
     uint32_t mConnectionGeneration;
+    // One-way calls sent on this connection since the runtime last acknowledged one.
+    uint32_t mOnewayUnackedCalls;
+    size_t mOnewayUnackedBytes;
+    bool mOnewayMustAck;  // the last acknowledged one was refused
+    hostbinder::DirectState* mDirect;
 };
 
 }  // namespace android

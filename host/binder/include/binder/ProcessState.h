@@ -90,6 +90,15 @@ public:
     // Sends a frame on the process's lifetime connection.
     status_t sendProcessFrame(uint16_t type, const void* payload, size_t size);
 
+    // Direct calls. The runtime names, with each handle it delivers, the process that owns the
+    // object and a token for it there.
+    void noteHandleOwner(int32_t handle, pid_t owner, uint64_t token);
+    // False when calls on `handle` go through the runtime.
+    bool handleOwner(int32_t handle, pid_t* owner, uint64_t* token);
+    // The local object a direct peer named, while the runtime may count references to it (so
+    // only objects this process sent out); null otherwise.
+    sp<IBinder> localForToken(uint64_t token);
+
 private:
     // The live proxy for `handle`, or null; mLock held.
     sp<IBinder> existingProxyForHandleLocked(int32_t handle);
@@ -102,11 +111,17 @@ private:
     ProcessState& operator=(const ProcessState& o);
     String8 makeBinderThreadName();
     status_t connectRuntime(Vector<IBinder*>* released);
+    void startDirectListener();
+    void stopDirectListener();
+    static void* directAcceptMain(void* arg);
+    static void* directServeMain(void* arg);
 
     struct handle_entry {
         IBinder* binder;
         RefBase::weakref_type* refs;
         uint64_t received;  // deliveries of this handle the runtime has counted
+        pid_t owner;        // the object's process, 0: calls go through the runtime
+        uint64_t token;     // the object's name there
     };
 
     String8 mSocketPath;
@@ -123,6 +138,9 @@ private:
     int32_t mThreadPoolSeq;
     bool mThreadPoolStarted;
     CallRestriction mCallRestriction;
+    uint64_t mTokenKey;         // masks the names the runtime gives direct peers for our objects
+    int mDirectListenFd;        // guarded by mRuntimeLock; owned by the accepting thread
+    std::atomic<int> mDirectServers;  // threads serving direct connections
 };
 
 }  // namespace android

@@ -1,0 +1,354 @@
+// hostbinderd: routing calls and replies between threads (transaction stacks, process work
+// queues, one-way queues per object).
+#define LOG_TAG "hostbinderd"
+
+#include "Broker.h"
+#include "BrokerInternal.h"
+
+#include <binder/IBinder.h>
+#include <log/log.h>
+#include <utils/Errors.h>
+
+#include <algorithm>
+
+namespace android {
+namespace hostbinder {
+
+void Broker::handleTransaction(Conn* c, InboundFrame& f) {
+    Proc* p = c->proc;
+    const Transaction t = f.fixed<Transaction>();
+    FrameBody body = frameBody(f.header, f.payload);
+    const ssize_t fdObjects = validateObjects(body);
+    if (fdObjects < 0 || static_cast<size_t>(fdObjects) != f.fds.size()) {
+        drop(p, "bad object table");
+        return;
+    }
+    Node* target;
+    if (t.handle == kServiceManagerHandle) {
+        target = &mServiceManager;
+    } else {
+        auto it = p->refs.find(t.handle);
+        if (it == p->refs.end()) {
+            drop(p, "call to an unknown handle");
+            return;
+        }
+        target = it->second.node;
+    }
+    const bool oneway = (t.flags & IBinder::FLAG_ONEWAY) != 0;
+    if (!oneway && (c == p->control || (c->stack != nullptr && c->stack->to != c))) {
+        drop(p, "call while already waiting for a reply");
+        return;
+    }
+    const size_t bodyLen = size_t(t.objectsCount) * 8 + t.dataSize;
+    const bool ackWanted = oneway && (t.wireFlags & kTransactionAckWanted) != 0;
+    if (oneway && !ackWanted) {
+        // Unacknowledged one-way calls are taken whatever the receiver's queue holds, so they
+        // are bounded here, per connection, exactly as the sender bounds them.
+        if (c->onewayMustAck || !f.fds.empty() || c->onewayUnackedCalls >= kOnewayWindowCalls ||
+            c->onewayUnackedBytes + bodyLen > kOnewayWindowBytes) {
+            drop(p, "one-way calls beyond its window");
+            return;
+        }
+        c->onewayUnackedCalls++;
+        c->onewayUnackedBytes += bodyLen;
+    }
+
+    Txn* x = new Txn;
+    x->oneway = oneway;
+    x->code = t.code;
+    x->flags = t.flags;
+    x->senderPid = c->pid;
+    x->senderUid = c->uid;
+    x->dataSize = t.dataSize;
+    x->objectsCount = t.objectsCount;
+    x->body.assign(f.payload + sizeof(Transaction), f.payload + sizeof(Transaction) + bodyLen);
+    x->fds.swap(f.fds);
+    acquireNode(target);
+    x->target = target;
+    if (!translate(p, nullptr, x->body.data(), t.objectsCount, t.dataSize, &x->held)) {
+        endTxn(x);
+        drop(p, "bad binder object");
+        return;
+    }
+
+    if (target->builtin != Builtin::kNone) {
+        serveBuiltin(c, target, x);
+        if (ackWanted) ackOneway(c, NO_ERROR);
+        return;
+    }
+    Proc* dest = target->owner;
+    if (dest == nullptr || dest->dying || target->dead) {
+        if (!oneway) {
+            IncomingReply r{0, DEAD_OBJECT, 0, 0, 0};
+            send(c, kFrameIncomingReply, &r, sizeof(r), nullptr, 0, nullptr);
+        } else if (ackWanted) {
+            ackOneway(c, DEAD_OBJECT);
+        }
+        endTxn(x);
+        return;
+    }
+    if (oneway) {
+        // What the queued call costs the runtime: its bytes, its bookkeeping, its descriptors.
+        x->queuedCost = x->body.size() + kQueuedCallOverhead + x->fds.size() * kQueuedFdCost;
+        if (ackWanted && dest->asyncQueuedBytes + x->queuedCost > kMaxAsyncQueuedBytes) {
+            // The receiver is behind: the sender hears so, as it would from the kernel driver.
+            endTxn(x);
+            ackOneway(c, FAILED_TRANSACTION);
+            return;
+        }
+        dest->asyncQueuedBytes += x->queuedCost;
+        if (ackWanted) ackOneway(c, NO_ERROR);
+        if (target->asyncBusy) {
+            target->asyncTodo.push_back(x);
+        } else {
+            target->asyncBusy = true;
+            Work w{Work::kTransaction};
+            w.txn = x;
+            enqueueWork(dest, w);
+        }
+        return;
+    }
+    x->from = c;
+    x->fromParent = c->stack;
+    c->stack = x;
+    // A thread of the target process already in this call chain serves the call (it is
+    // waiting for a reply further down the chain).
+    Conn* chosen = nullptr;
+    for (Txn* tmp = x->fromParent; tmp != nullptr; tmp = tmp->fromParent) {
+        if (tmp->from != nullptr && tmp->from->proc == dest) {
+            chosen = tmp->from;
+            break;
+        }
+    }
+    if (chosen != nullptr && !chosen->closed) {
+        deliverTransaction(chosen, x);
+    } else {
+        Work w{Work::kTransaction};
+        w.txn = x;
+        enqueueWork(dest, w);
+    }
+}
+
+// Answers a one-way call that asked for it; the connection's window starts again.
+void Broker::ackOneway(Conn* c, int32_t status) {
+    c->onewayUnackedCalls = 0;
+    c->onewayUnackedBytes = 0;
+    c->onewayMustAck = (status == FAILED_TRANSACTION);
+    IncomingReply r{0, status, 0, 0, 0};
+    send(c, kFrameIncomingReply, &r, sizeof(r), nullptr, 0, nullptr);
+}
+
+void Broker::handleReply(Conn* c, InboundFrame& f) {
+    Proc* p = c->proc;
+    Txn* x = c->stack;
+    if (x == nullptr || x->to != c || x->oneway) {
+        drop(p, "reply without a call");
+        return;
+    }
+    const Reply r = f.fixed<Reply>();
+    FrameBody body = frameBody(f.header, f.payload);
+    const ssize_t fdObjects = validateObjects(body);
+    if (fdObjects < 0 || static_cast<size_t>(fdObjects) != f.fds.size()) {
+        drop(p, "bad object table");
+        return;
+    }
+    const size_t bodyLen = size_t(r.objectsCount) * 8 + r.dataSize;
+    uint8_t* bodyStart = f.payload + sizeof(Reply);
+    std::vector<Node*> held;
+    if (!translate(p, nullptr, bodyStart, r.objectsCount, r.dataSize, &held)) {
+        for (Node* n : held) releaseNode(n);
+        drop(p, "bad binder object");
+        return;
+    }
+    c->stack = x->toParent;
+    x->to = nullptr;
+    x->toParent = nullptr;
+
+    Conn* dest = x->from;
+    if (dest != nullptr && !dest->closed && !dest->proc->dying && !x->deadReplied) {
+        Buffer buf;
+        IncomingReply ir{0, r.status, 0, 0, 0};
+        if (r.status == NO_ERROR) {
+            const uint64_t* offsets = reinterpret_cast<const uint64_t*>(bodyStart);
+            uint8_t* data = bodyStart + size_t(r.objectsCount) * 8;
+            for (uint32_t i = 0; i < r.objectsCount; i++) {
+                flat_binder_object obj = readObjectAt(data, offsets[i]);
+                if (obj.hdr.type == BINDER_TYPE_BINDER && obj.binder != 0) {
+                    deliverNode(reinterpret_cast<Node*>(obj.binder), dest->proc, &obj,
+                                &buf.held);
+                    writeObjectAt(data, offsets[i], obj);
+                }
+            }
+            ir.dataSize = r.dataSize;
+            ir.objectsCount = r.objectsCount;
+            if (!buf.held.empty()) {
+                ir.bufferId = mNextBufferId++;
+                dest->proc->buffers[ir.bufferId] = std::move(buf);
+            }
+        } else {
+            closeAll(&f.fds);
+        }
+        if (dest->stack == x) dest->stack = x->fromParent;
+        send(dest, kFrameIncomingReply, &ir, sizeof(ir), bodyStart,
+             r.status == NO_ERROR ? bodyLen : 0, &f.fds);
+        popDeadReplied(dest);
+    } else {
+        closeAll(&f.fds);
+    }
+    for (Node* n : held) releaseNode(n);
+    if (!x->deadReplied || x->from == nullptr) {
+        endTxn(x);
+    } else {
+        // Its caller was already failed; it leaves the caller's stack when the caller's
+        // current call ends.
+        x->to = nullptr;
+    }
+    popDeadReplied(c);
+    if (c->looper && c->stack == nullptr) dispatch(p);
+}
+
+void Broker::enqueueWork(Proc* p, Work w) {
+    if (p->dying) {
+        if (w.txn != nullptr) {
+            if (w.txn->oneway) {
+                endTxn(w.txn);
+            } else {
+                failTxn(w.txn, DEAD_OBJECT);
+            }
+        }
+        return;
+    }
+    p->todo.push_back(w);
+    dispatch(p);
+}
+
+Broker::Conn* Broker::idleLooper(Proc* p, Conn* except) {
+    for (Conn* c : p->conns) {
+        if (c != except && c->looper && !c->busy && c->stack == nullptr && !c->closed) return c;
+    }
+    return nullptr;
+}
+
+void Broker::dispatch(Proc* p) {
+    while (!p->dying && !p->todo.empty()) {
+        Conn* t = idleLooper(p, nullptr);
+        if (t == nullptr) return;
+        Work w = p->todo.front();
+        p->todo.pop_front();
+        // The last idle thread takes work: ask the process for one more, one at a time.
+        if (p->requestedSpawns == 0 && p->spawnedLoopers < p->maxThreads &&
+            idleLooper(p, t) == nullptr) {
+            p->requestedSpawns++;
+            send(t, kFrameSpawnLooper, nullptr, 0, nullptr, 0, nullptr);
+        }
+        deliver(t, w);
+    }
+}
+
+void Broker::deliver(Conn* t, Work& w) {
+    switch (w.kind) {
+        case Work::kTransaction:
+            deliverTransaction(t, w.txn);
+            return;
+        case Work::kDeadBinder: {
+            t->busy = true;
+            HandleRef ref{w.handle, 0};
+            send(t, kFrameDeadBinder, &ref, sizeof(ref), nullptr, 0, nullptr);
+            return;
+        }
+        case Work::kReleaseNode: {
+            t->busy = true;
+            ReleaseNode rn{w.binder, w.cookie, w.count};
+            send(t, kFrameReleaseNode, &rn, sizeof(rn), nullptr, 0, nullptr);
+            return;
+        }
+    }
+}
+
+void Broker::deliverTransaction(Conn* t, Txn* x) {
+    Proc* dest = t->proc;
+    Node* target = x->target;
+    if (x->oneway) {
+        t->busy = true;
+        dest->asyncQueuedBytes -= std::min(dest->asyncQueuedBytes, x->queuedCost);
+    } else {
+        x->to = t;
+        x->toParent = t->stack;
+        t->stack = x;
+    }
+    Buffer buf;
+    uint64_t* offsets = reinterpret_cast<uint64_t*>(x->body.data());
+    uint8_t* data = x->body.data() + size_t(x->objectsCount) * 8;
+    for (uint32_t i = 0; i < x->objectsCount; i++) {
+        flat_binder_object obj = readObjectAt(data, offsets[i]);
+        if (obj.hdr.type == BINDER_TYPE_BINDER && obj.binder != 0) {
+            deliverNode(reinterpret_cast<Node*>(obj.binder), dest, &obj, &buf.held);
+            writeObjectAt(data, offsets[i], obj);
+        }
+    }
+    std::vector<Node*> held;
+    held.swap(x->held);
+    IncomingTransaction it{target->binder, target->cookie, 0, x->code, x->flags,
+                           x->senderPid, x->senderUid, x->dataSize, x->objectsCount};
+    if (x->oneway) {
+        buf.asyncNode = target;  // the buffer takes over the call's hold on its target
+        x->target = nullptr;
+    }
+    if (!buf.held.empty() || buf.asyncNode != nullptr) {
+        if (dest->buffers.size() >= kMaxBuffersPerProc) drop(dest, "does not free its buffers");
+        it.bufferId = mNextBufferId++;
+        dest->buffers[it.bufferId] = std::move(buf);
+        if (x->oneway) t->busyBuffer = it.bufferId;
+    }
+    send(t, kFrameIncomingTransaction, &it, sizeof(it), x->body.data(), x->body.size(), &x->fds);
+    std::vector<uint8_t>().swap(x->body);
+    for (Node* n : held) releaseNode(n);
+    if (x->oneway) delete x;
+}
+
+// The call cannot complete: its caller gets `status`. The call must no longer be on its
+// server's stack.
+void Broker::failTxn(Txn* t, int32_t status) {
+    t->to = nullptr;
+    Conn* f = t->from;
+    if (f == nullptr || t->deadReplied) {
+        if (f == nullptr) endTxn(t);
+        return;
+    }
+    IncomingReply r{0, status, 0, 0, 0};
+    send(f, kFrameIncomingReply, &r, sizeof(r), nullptr, 0, nullptr);
+    if (f->stack == t) {
+        f->stack = t->fromParent;
+        endTxn(t);
+        popDeadReplied(f);
+    } else {
+        t->deadReplied = true;
+    }
+}
+
+void Broker::popDeadReplied(Conn* c) {
+    while (c->stack != nullptr && c->stack->deadReplied && c->stack->from == c &&
+           c->stack->to == nullptr) {
+        Txn* d = c->stack;
+        c->stack = d->fromParent;
+        endTxn(d);
+    }
+}
+
+void Broker::endTxn(Txn* t) {
+    closeAll(&t->fds);
+    std::vector<Node*> held;
+    held.swap(t->held);
+    Node* target = t->target;
+    t->target = nullptr;
+    delete t;
+    for (Node* n : held) releaseNode(n);
+    if (target != nullptr) releaseNode(target);
+}
+
+void Broker::dropOneway(Txn* t) {
+    endTxn(t);
+}
+
+}  // namespace hostbinder
+}  // namespace android
