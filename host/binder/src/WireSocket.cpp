@@ -346,14 +346,13 @@ int listenDirect(const std::string& name) {
     return fd;
 }
 
-int connectDirect(const std::string& name) {
-    sockaddr_un addr;
-    const socklen_t len = abstractAddress(name, &addr);
+// A connected stream socket to `addr`, or -errno.
+static int connectAddress(const sockaddr_un& addr, socklen_t len) {
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return -errno;
     int r;
     do {
-        r = connect(fd, reinterpret_cast<sockaddr*>(&addr), len);
+        r = connect(fd, reinterpret_cast<const sockaddr*>(&addr), len);
     } while (r < 0 && errno == EINTR);
     if (r < 0) {
         int e = errno;
@@ -363,23 +362,18 @@ int connectDirect(const std::string& name) {
     return fd;
 }
 
+int connectDirect(const std::string& name) {
+    sockaddr_un addr;
+    const socklen_t len = abstractAddress(name, &addr);
+    return connectAddress(addr, len);
+}
+
 int connectUnix(const char* path) {
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
     if (strlen(path) >= sizeof(addr.sun_path)) return -ENAMETOOLONG;
     strcpy(addr.sun_path, path);
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -errno;
-    int r;
-    do {
-        r = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-    } while (r < 0 && errno == EINTR);
-    if (r < 0) {
-        int e = errno;
-        close(fd);
-        return -e;
-    }
-    return fd;
+    return connectAddress(addr, sizeof(addr));
 }
 
 }  // namespace hostbinder
