@@ -183,6 +183,9 @@ private:
     void updateEpoll(Conn* c);
     void closeConn(Conn* c);
     void drop(Proc* p, const char* why);
+    // The frame's object table is well formed and names exactly the descriptors that came
+    // with it; otherwise its sender is dropped.
+    bool objectsValid(Proc* p, const InboundFrame& f);
     void reapDying();
     void killProc(Proc* p);
     void threadGone(Conn* c);

@@ -17,12 +17,7 @@ namespace hostbinder {
 void Broker::handlePark(Conn* c, InboundFrame& f) {
     Proc* p = c->proc;
     const Park park = f.fixed<Park>();
-    FrameBody body = frameBody(f.header, f.payload);
-    const ssize_t fdObjects = validateObjects(body);
-    if (fdObjects < 0 || static_cast<size_t>(fdObjects) != f.fds.size()) {
-        drop(p, "bad object table");
-        return;
-    }
+    if (!objectsValid(p, f)) return;
     const size_t bodyLen = size_t(park.objectsCount) * 8 + park.dataSize;
     Parked parked;
     parked.creator = p;

@@ -17,12 +17,7 @@ namespace hostbinder {
 void Broker::handleTransaction(Conn* c, InboundFrame& f) {
     Proc* p = c->proc;
     const Transaction t = f.fixed<Transaction>();
-    FrameBody body = frameBody(f.header, f.payload);
-    const ssize_t fdObjects = validateObjects(body);
-    if (fdObjects < 0 || static_cast<size_t>(fdObjects) != f.fds.size()) {
-        drop(p, "bad object table");
-        return;
-    }
+    if (!objectsValid(p, f)) return;
     Node* target;
     if (t.handle == kServiceManagerHandle) {
         target = &mServiceManager;
@@ -146,12 +141,7 @@ void Broker::handleReply(Conn* c, InboundFrame& f) {
         return;
     }
     const Reply r = f.fixed<Reply>();
-    FrameBody body = frameBody(f.header, f.payload);
-    const ssize_t fdObjects = validateObjects(body);
-    if (fdObjects < 0 || static_cast<size_t>(fdObjects) != f.fds.size()) {
-        drop(p, "bad object table");
-        return;
-    }
+    if (!objectsValid(p, f)) return;
     const size_t bodyLen = size_t(r.objectsCount) * 8 + r.dataSize;
     uint8_t* bodyStart = f.payload + sizeof(Reply);
     std::vector<Node*> held;
@@ -344,6 +334,15 @@ void Broker::endTxn(Txn* t) {
     delete t;
     for (Node* n : held) releaseNode(n);
     if (target != nullptr) releaseNode(target);
+}
+
+bool Broker::objectsValid(Proc* p, const InboundFrame& f) {
+    const ssize_t fdObjects = validateObjects(frameBody(f.header, f.payload));
+    if (fdObjects < 0 || static_cast<size_t>(fdObjects) != f.fds.size()) {
+        drop(p, "bad object table");
+        return false;
+    }
+    return true;
 }
 
 void Broker::dropOneway(Txn* t) {
