@@ -114,34 +114,14 @@ void IPCThreadState::executeDirectCall(const DirectConnection& conn, InboundFram
         sp<IBinder> target = error == NO_ERROR ? mProcess->localForToken(call.token) : nullptr;
         if (error == NO_ERROR && target == nullptr) error = DEAD_OBJECT;
         if (error == NO_ERROR) {
-            const pid_t origPid = mCallingPid;
-            const uid_t origUid = mCallingUid;
-            const int32_t origStrictModePolicy = mStrictModePolicy;
-            const int32_t origTransactionBinderFlags = mLastTransactionBinderFlags;
-            const int32_t origWorkSource = mWorkSource;
-            const bool origPropagateWorkSource = mPropagateWorkSource;
-            mCallingPid = peer;
-            mCallingUid = conn->peerUid();
-            mLastTransactionBinderFlags = static_cast<int32_t>(call.flags);
-            mWorkSource = kUnsetWorkSource;
-            mPropagateWorkSource = false;
             mDirect->serving.push_back(DirectState::Serving{conn});
-            error = target->transact(call.code, buffer, &reply, call.flags);
+            error = transactAsCaller(peer, conn->peerUid(), target, call.code, buffer, &reply,
+                                     call.flags);
             mDirect->serving.pop_back();
-            mCallingPid = origPid;
-            mCallingUid = origUid;
-            mStrictModePolicy = origStrictModePolicy;
-            mLastTransactionBinderFlags = origTransactionBinderFlags;
-            mWorkSource = origWorkSource;
-            mPropagateWorkSource = origPropagateWorkSource;
         }
     }
     std::vector<int> fds;
-    if (error == NO_ERROR &&
-        (reply.errorCheck() != NO_ERROR ||
-         reply.ipcDataSize() + reply.ipcObjectsCount() * sizeof(uint64_t) >
-                 hostbinder::kMaxTransactionBytes ||
-         !hostbinder::collectFds(reply, &fds))) {
+    if (error == NO_ERROR && !hostbinder::replyFits(reply, &fds)) {
         error = FAILED_TRANSACTION;
         fds.clear();
     }

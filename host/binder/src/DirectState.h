@@ -37,6 +37,9 @@ struct DirectState {
 void adoptFrame(InboundFrame& frame, uint64_t bufferId, Parcel* parcel);
 // The descriptors of the fd objects in `p`, in object order; false when too many.
 bool collectFds(const Parcel& p, std::vector<int>* fds);
+// A reply can be sent: no write failed, it is within the transaction limit, and its
+// descriptors (collected into `fds`) are not too many.
+bool replyFits(const Parcel& reply, std::vector<int>* fds);
 // Local objects in `p` are counted as sent before the frame leaves.
 void noteLocalObjects(const Parcel& p);
 

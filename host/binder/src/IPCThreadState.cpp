@@ -96,6 +96,13 @@ bool collectFds(const Parcel& p, std::vector<int>* fds) {
     return fds->size() <= kMaxFdsPerFrame;
 }
 
+bool replyFits(const Parcel& reply, std::vector<int>* fds) {
+    return reply.errorCheck() == NO_ERROR &&
+           reply.ipcDataSize() + reply.ipcObjectsCount() * sizeof(uint64_t) <=
+                   kMaxTransactionBytes &&
+           collectFds(reply, fds);
+}
+
 // Local objects in `p` are counted as sent before the frame leaves.
 void noteLocalObjects(const Parcel& p) {
     const uint8_t* data = reinterpret_cast<const uint8_t*>(p.ipcData());
@@ -462,6 +469,30 @@ status_t IPCThreadState::executeCommand(InboundFrame& frame) {
     return mConnection->send(hostbinder::kFrameLooperDone, mProcess->nextFrameSeq(), &part, 1);
 }
 
+status_t IPCThreadState::transactAsCaller(pid_t pid, uid_t uid, const sp<IBinder>& target,
+                                          uint32_t code, const Parcel& data, Parcel* reply,
+                                          uint32_t flags) {
+    const pid_t origPid = mCallingPid;
+    const uid_t origUid = mCallingUid;
+    const int32_t origStrictModePolicy = mStrictModePolicy;
+    const int32_t origTransactionBinderFlags = mLastTransactionBinderFlags;
+    const int32_t origWorkSource = mWorkSource;
+    const bool origPropagateWorkSource = mPropagateWorkSource;
+    mCallingPid = pid;
+    mCallingUid = uid;
+    mLastTransactionBinderFlags = static_cast<int32_t>(flags);
+    mWorkSource = kUnsetWorkSource;
+    mPropagateWorkSource = false;
+    const status_t error = target->transact(code, data, reply, flags);
+    mCallingPid = origPid;
+    mCallingUid = origUid;
+    mStrictModePolicy = origStrictModePolicy;
+    mLastTransactionBinderFlags = origTransactionBinderFlags;
+    mWorkSource = origWorkSource;
+    mPropagateWorkSource = origPropagateWorkSource;
+    return error;
+}
+
 status_t IPCThreadState::executeTransaction(InboundFrame& frame) {
     const hostbinder::IncomingTransaction t = frame.fixed<hostbinder::IncomingTransaction>();
     const bool oneway = (t.flags & IBinder::FLAG_ONEWAY) != 0;
@@ -472,23 +503,12 @@ status_t IPCThreadState::executeTransaction(InboundFrame& frame) {
         // A one-way buffer is given back with the looper's completion below.
         adoptFrame(frame, oneway ? 0 : t.bufferId, &buffer);
 
-        const pid_t origPid = mCallingPid;
-        const uid_t origUid = mCallingUid;
-        const int32_t origStrictModePolicy = mStrictModePolicy;
-        const int32_t origTransactionBinderFlags = mLastTransactionBinderFlags;
-        const int32_t origWorkSource = mWorkSource;
-        const bool origPropagateWorkSource = mPropagateWorkSource;
-        mCallingPid = t.senderPid;
-        mCallingUid = t.senderUid;
-        mLastTransactionBinderFlags = static_cast<int32_t>(t.flags);
-        mWorkSource = kUnsetWorkSource;
-        mPropagateWorkSource = false;
-
         if (t.cookie != 0) {
             sp<IBinder> target(reinterpret_cast<IBinder*>(t.cookie));
             // As on the platform, every call gets a reply parcel, one-way calls included:
             // stubs may write into it unconditionally. A one-way call's reply is dropped.
-            error = target->transact(t.code, buffer, &reply, t.flags);
+            error = transactAsCaller(t.senderPid, t.senderUid, target, t.code, buffer, &reply,
+                                     t.flags);
         } else {
             error = UNKNOWN_TRANSACTION;
         }
@@ -496,20 +516,9 @@ status_t IPCThreadState::executeTransaction(InboundFrame& frame) {
             ALOGW("one-way call %u failed: %d", t.code, error);
         }
 
-        mCallingPid = origPid;
-        mCallingUid = origUid;
-        mStrictModePolicy = origStrictModePolicy;
-        mLastTransactionBinderFlags = origTransactionBinderFlags;
-        mWorkSource = origWorkSource;
-        mPropagateWorkSource = origPropagateWorkSource;
-
         if (!oneway) {
             std::vector<int> fds;
-            if (error == NO_ERROR &&
-                (reply.errorCheck() != NO_ERROR ||
-                 reply.ipcDataSize() + reply.ipcObjectsCount() * sizeof(uint64_t) >
-                         hostbinder::kMaxTransactionBytes ||
-                 !collectFds(reply, &fds))) {
+            if (error == NO_ERROR && !hostbinder::replyFits(reply, &fds)) {
                 error = FAILED_TRANSACTION;
                 fds.clear();
             }
