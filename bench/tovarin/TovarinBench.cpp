@@ -511,6 +511,22 @@ private:
     bool mStarted = false;
 };
 
+// Times `call` (one round trip through the client singleton; false when it failed, named
+// `what`) against the shared tovarind, with tracking enabled and the probe's counters.
+template <typename Call>
+void measureServiceCalls(benchmark::State& state, const char* what, Call call) {
+    sp<TovarinServiceImpl> tovarin = TovarinServiceImpl::getInstance();
+    tovarin->setEnabledState(1);
+    RoundTripProbe probe(gSetup->service->pid(), gSetup->serviceAllocs.get());
+    for (auto _ : state) {
+        if (!call(*tovarin)) {
+            state.SkipWithError(what);
+            break;
+        }
+    }
+    probe.finish(state);
+}
+
 void BM_Sample(benchmark::State& state) {
     if (!ensureService(state)) {
         return;
@@ -520,45 +536,28 @@ void BM_Sample(benchmark::State& state) {
         state.SkipWithError("no head tracker");
         return;
     }
-    sp<TovarinServiceImpl> tovarin = TovarinServiceImpl::getInstance();
     HeadTrackingEvent event;
-    RoundTripProbe probe(gSetup->service->pid(), gSetup->serviceAllocs.get());
-    for (auto _ : state) {
-        if (tovarin->sample(tracker.handle(), event) != NO_ERROR) {
-            state.SkipWithError("sample failed");
-            break;
-        }
-    }
-    probe.finish(state);
+    measureServiceCalls(state, "sample failed", [&](TovarinServiceImpl& tovarin) {
+        return tovarin.sample(tracker.handle(), event) == NO_ERROR;
+    });
 }
 
 void BM_GetEnabled(benchmark::State& state) {
     if (!ensureService(state)) {
         return;
     }
-    sp<TovarinServiceImpl> tovarin = TovarinServiceImpl::getInstance();
-    tovarin->setEnabledState(1);
-    RoundTripProbe probe(gSetup->service->pid(), gSetup->serviceAllocs.get());
-    for (auto _ : state) {
-        if (!tovarin->getEnabled()) {
-            state.SkipWithError("getEnabled failed");
-            break;
-        }
-    }
-    probe.finish(state);
+    measureServiceCalls(state, "getEnabled failed",
+                        [](TovarinServiceImpl& tovarin) { return tovarin.getEnabled(); });
 }
 
 void BM_GetHeadTrackingState(benchmark::State& state) {
     if (!ensureService(state)) {
         return;
     }
-    sp<TovarinServiceImpl> tovarin = TovarinServiceImpl::getInstance();
-    tovarin->setEnabledState(1);
-    RoundTripProbe probe(gSetup->service->pid(), gSetup->serviceAllocs.get());
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(tovarin->getHeadTrackingState());
-    }
-    probe.finish(state);
+    measureServiceCalls(state, "getHeadTrackingState failed", [](TovarinServiceImpl& tovarin) {
+        benchmark::DoNotOptimize(tovarin.getHeadTrackingState());
+        return true;
+    });
 }
 
 // The same state every call: the permission check and the call, no state change to deliver.
@@ -566,14 +565,11 @@ void BM_SetEnabledState(benchmark::State& state) {
     if (!ensureService(state)) {
         return;
     }
-    sp<TovarinServiceImpl> tovarin = TovarinServiceImpl::getInstance();
-    tovarin->setEnabledState(1);
-    RoundTripProbe probe(gSetup->service->pid(), gSetup->serviceAllocs.get());
-    for (auto _ : state) {
-        tovarin->setEnabledState(1);
-    }
-    probe.finish(state);
-    if (!tovarin->getEnabled()) {
+    measureServiceCalls(state, "setEnabledState failed", [](TovarinServiceImpl& tovarin) {
+        tovarin.setEnabledState(1);
+        return true;
+    });
+    if (!TovarinServiceImpl::getInstance()->getEnabled()) {
         state.SkipWithError("setEnabledState was refused");
     }
 }
