@@ -1,14 +1,24 @@
 /*
- * Shared memory between real processes: each test starts its own runtime instance and a
- * memory_peer process, and checks that both sides see the same pages.
+ * Shared memory between real processes: each test starts its own runtime instance and a peer
+ * process, and checks that both sides see the same pages. The peer registers "memory.peer" and
+ * serves:
+ *   1 kGetMemories   reply: two IMemory of one MemoryDealer heap ("peer-heap"), the first
+ *                    holding "written by the peer"
+ *   2 kFirstHolds    data: String16; reply: int32 1 when the first memory holds that text
+ *   3 kReadAndMark   data: IMemory; reply: String16 of the text it holds; then writes
+ *                    "marked by the peer" into it
+ *   4 kExit          exits with status 0 after replying
  */
+#include <binder/Binder.h>
 #include <binder/IMemory.h>
+#include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
+#include <binder/MemoryBase.h>
 #include <binder/MemoryDealer.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
 
-#include <hostbinder_test/Runtime.h>
+#include <hostbinder_test/Roles.h>
 
 #include "MemoryTestUtil.h"
 
@@ -19,23 +29,81 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <thread>
+
 using namespace android;
 using namespace hostbinder_memory_test;
 
 namespace {
 
-const long kPage = sysconf(_SC_PAGESIZE);
+const int32_t kPage = static_cast<int32_t>(sysconf(_SC_PAGESIZE));
+
+class PeerService : public BBinder {
+public:
+    PeerService() : mDealer(new MemoryDealer(4 * kPage, "peer-heap")) {
+        mFirst = mDealer->allocate(100);
+        mSecond = mDealer->allocate(2 * kPage);
+        strcpy(static_cast<char*>(mFirst->pointer()), "written by the peer");
+    }
+
+protected:
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply,
+                        uint32_t flags) override {
+        switch (code) {
+            case kGetMemories:
+                reply->writeStrongBinder(IInterface::asBinder(mFirst));
+                reply->writeStrongBinder(IInterface::asBinder(mSecond));
+                return NO_ERROR;
+            case kFirstHolds: {
+                String8 expected(data.readString16());
+                reply->writeInt32(strcmp(static_cast<const char*>(mFirst->pointer()),
+                                         expected.string()) == 0);
+                return NO_ERROR;
+            }
+            case kReadAndMark: {
+                sp<IMemory> memory = interface_cast<IMemory>(data.readStrongBinder());
+                char* text = memory != nullptr ? static_cast<char*>(memory->pointer()) : nullptr;
+                if (text == nullptr || memory->size() < 32) return BAD_VALUE;
+                reply->writeString16(String16(text, strnlen(text, memory->size())));
+                strcpy(text, "marked by the peer");
+                return NO_ERROR;
+            }
+            case kExit:
+                reply->writeInt32(0);
+                // Leave once the reply is on its way.
+                std::thread([] {
+                    usleep(100 * 1000);
+                    _exit(0);
+                }).detach();
+                return NO_ERROR;
+            default:
+                return BBinder::onTransact(code, data, reply, flags);
+        }
+    }
+
+private:
+    sp<MemoryDealer> mDealer;
+    sp<IMemory> mFirst, mSecond;
+};
+
+TEST_ROLE(memory_peer) {
+    if (defaultServiceManager()->addService(String16("memory.peer"), new PeerService()) != NO_ERROR) {
+        fprintf(stderr, "cannot register memory.peer\n");
+        return 1;
+    }
+    ProcessState::self()->startThreadPool();
+    hostbinder_test::ready();
+    IPCThreadState::self()->joinThreadPool();
+    return 0;
+}
 
 class MemoryAcrossProcessesTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        const char* peerPath = getenv("MEMORY_PEER");
-        ASSERT_NE(peerPath, nullptr) << "MEMORY_PEER names the memory_peer helper";
         mRuntime = std::make_unique<hostbinder_test::RuntimeInstance>();
         ProcessState::self()->startThreadPool();
-        mPeer = std::make_unique<hostbinder_test::ChildProcess>(
-                std::vector<std::string>{peerPath, "serve"});
-        ASSERT_TRUE(mPeer->waitForOutput("READY", 10000)) << mPeer->output();
+        mPeer = hostbinder_test::startRole("memory_peer");
+        ASSERT_TRUE(mPeer);
         mService = defaultServiceManager()->checkService(String16("memory.peer"));
         ASSERT_NE(mService, nullptr);
     }
