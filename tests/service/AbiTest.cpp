@@ -18,28 +18,17 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <utility>
+
 namespace morvel {
 namespace tovarin {
 namespace testing {
 namespace {
 
-using binder::BnRawDataListener;
-using binder::BnStateChangeListener;
-using binder::BnTovarinService;
-using binder::BpRawDataListener;
-using binder::BpStateChangeListener;
-using binder::BpTovarinService;
-using binder::ITovarinService;
+using namespace binder;
 
-struct Slot {
-    ptrdiff_t index;
-    ptrdiff_t adjustment;
-    bool operator==(const Slot& o) const { return index == o.index && adjustment == o.adjustment; }
-};
-
-std::ostream& operator<<(std::ostream& out, const Slot& slot) {
-    return out << "slot " << slot.index << " (adjustment " << slot.adjustment << ")";
-}
+// The function's index in the virtual table, and the this-adjustment of that table.
+using Slot = std::pair<ptrdiff_t, ptrdiff_t>;
 
 template <typename MemberFunction>
 Slot slotOf(MemberFunction function) {
@@ -51,12 +40,12 @@ Slot slotOf(MemberFunction function) {
     memcpy(&representation, &function, sizeof(representation));
 #if defined(__arm__)
     EXPECT_EQ(1, representation.adjustment & 1) << "not a virtual function";
-    return Slot{static_cast<ptrdiff_t>(representation.pointer / sizeof(void*)),
-                representation.adjustment >> 1};
+    return Slot(static_cast<ptrdiff_t>(representation.pointer / sizeof(void*)),
+                representation.adjustment >> 1);
 #else
     EXPECT_EQ(1u, representation.pointer & 1u) << "not a virtual function";
-    return Slot{static_cast<ptrdiff_t>((representation.pointer - 1) / sizeof(void*)),
-                representation.adjustment};
+    return Slot(static_cast<ptrdiff_t>((representation.pointer - 1) / sizeof(void*)),
+                representation.adjustment);
 #endif
 }
 
@@ -68,7 +57,7 @@ struct Expected {
 
 void expectPrimary(const char* className, std::initializer_list<Expected> table) {
     for (const Expected& e : table) {
-        EXPECT_EQ((Slot{e.index, 0}), e.actual) << className << "::" << e.name;
+        EXPECT_EQ(Slot(e.index, 0), e.actual) << className << "::" << e.name;
     }
 }
 
