@@ -293,12 +293,12 @@ TEST(ParcelObjects, ObjectsAreReadOnlyWhereAValidTableRecordsThem) {
     written.writeStrongBinder(real);
     written.writeFileDescriptor(pipe.fds[0]);
     const Bytes data = bytesOf(written);
-    // Objects copied as plain data are not in the table. Those whose binder/handle word is
-    // zero are plain data anyway and read where they stand: a null binder and handle 0 (the
-    // service manager); no other handle.
+    // Objects copied or forged as plain data are not in the table. Binders whose binder/handle
+    // word is zero are plain data anyway and read where they stand: a null binder and handle 0
+    // (the service manager); no other handle, and never an fd.
     const std::tuple<const char*, Bytes, status_t, sp<IBinder>> rows[] = {
             {"forged local binder", Bytes(data.begin(), data.begin() + 24), BAD_TYPE, nullptr},
-            {"forged fd", Bytes(data.begin() + 24, data.end()), BAD_TYPE, nullptr},
+            {"forged fd 0", flat('d', 'f', 0x17f, 0, 0), BAD_TYPE, nullptr},
             {"null binder", flat('b', 's', 0x113, 0, 0), NO_ERROR, nullptr},
             {"handle 0", flat('h', 's', 0x113, 0, 0), NO_ERROR,
              ProcessState::self()->getStrongProxyForHandle(0)},
@@ -336,13 +336,13 @@ TEST(ParcelObjects, ObjectsAreReadOnlyWhereAValidTableRecordsThem) {
     p.writeInt32(1);
     p.writeStrongBinder(real);
     p.writeInt32(2);
-    p.setDataPosition(0);
-    EXPECT_EQ(p.readObject(false), nullptr);
+    p.setDataPosition(24);
     int32_t word = 0;
     EXPECT_EQ(p.readInt32(&word), PERMISSION_DENIED) << "the last word of the object at 4";
     EXPECT_EQ(p.readInt32(), 2) << "data right up to the next object is readable";
     EXPECT_EQ(p.readStrongBinder(), real);
     p.setDataPosition(0);
+    EXPECT_EQ(p.readObject(false), nullptr);
     EXPECT_EQ(p.readInplace(12), nullptr);
     p.setDataPosition(4);
     EXPECT_EQ(p.readStrongBinder(), real);
@@ -367,6 +367,7 @@ TEST(ParcelObjects, AReceivedBufferIsReleasedOnceWhenFreedOrRewrittenAndItsFdsSt
     // Writing copies the data, with duplicates of its fds, then gives the buffer back.
     int rewritten = 0;
     p.ipcSetDataReference(data.data(), data.size(), offsets, 1, release, &rewritten);
+    EXPECT_TRUE(p.hasFileDescriptors());
     p.setDataPosition(data.size());
     ASSERT_EQ(p.writeInt32(7), NO_ERROR);
     EXPECT_EQ(rewritten, 1);
