@@ -1,5 +1,5 @@
-// Binder objects inside one process: BBinder's default codes, attached objects, BpRefBase
-// lifetimes and interface casting through IMPLEMENT_META_INTERFACE.
+// Binder objects inside one process: BBinder's answers to the platform's codes, attached
+// objects, and interfaces declared with IMPLEMENT_META_INTERFACE with their proxies' lifetimes.
 
 #include <binder/Binder.h>
 #include <binder/IInterface.h>
@@ -8,245 +8,125 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <stdio.h>
 #include <unistd.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace android {
 
-// A small interface with a local object and a proxy, declared the platform's way.
-class ICounter : public IInterface {
+// An interface declared the platform's way: its only call answers with the int32 it is given.
+class IEcho : public IInterface {
 public:
-    DECLARE_META_INTERFACE(Counter)
-    enum { ADD = IBinder::FIRST_CALL_TRANSACTION };
-    virtual int32_t add(int32_t n) = 0;
+    DECLARE_META_INTERFACE(Echo)
+    enum { ECHO = IBinder::FIRST_CALL_TRANSACTION };
 };
 
-class BpCounter : public BpInterface<ICounter> {
+class BpEcho : public BpInterface<IEcho> {
 public:
-    explicit BpCounter(const sp<IBinder>& remote) : BpInterface<ICounter>(remote) {}
-    int32_t add(int32_t n) override {
-        Parcel data, reply;
-        data.writeInterfaceToken(ICounter::getInterfaceDescriptor());
-        data.writeInt32(n);
-        if (remote()->transact(ADD, data, &reply) != NO_ERROR) return -1;
-        return reply.readInt32();
-    }
+    explicit BpEcho(const sp<IBinder>& remote) : BpInterface<IEcho>(remote) {}
 };
 
-IMPLEMENT_META_INTERFACE(Counter, "morvel.tovarin.test.ICounter")
+IMPLEMENT_META_INTERFACE(Echo, "morvel.tovarin.test.IEcho")
 
 namespace {
 
-class Counter : public BnInterface<ICounter> {
+using Bytes = std::vector<uint8_t>;
+
+Bytes bytesOf(const Parcel& p) {
+    return Bytes(p.data(), p.data() + p.dataSize());
+}
+
+class Echo : public BnInterface<IEcho> {
 public:
-    int32_t add(int32_t n) override { return mTotal += n; }
-
-protected:
-    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply,
-                        uint32_t flags) override {
-        if (code != ADD) return BBinder::onTransact(code, data, reply, flags);
-        CHECK_INTERFACE(ICounter, data, reply);
-        return reply->writeInt32(add(data.readInt32()));
-    }
-
-private:
-    int32_t mTotal = 0;
-};
-
-// A binder that is not an ICounter: asInterface wraps it in a proxy.
-class CounterByTransaction : public BBinder {
-protected:
-    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply,
-                        uint32_t flags) override {
-        if (code != ICounter::ADD) return BBinder::onTransact(code, data, reply, flags);
-        if (!data.enforceInterface(ICounter::descriptor)) return PERMISSION_DENIED;
-        return reply->writeInt32(data.readInt32() * 10);
-    }
-};
-
-// Writes its arguments to the dump fd, one per line.
-class Dumper : public BBinder {
-public:
+    // Writes its arguments to the fd, one per line.
     status_t dump(int fd, const Vector<String16>& args) override {
-        mFd = fd;
-        mArgs.clear();
-        for (size_t i = 0; i < args.size(); i++) {
-            mArgs.push_back(String8(args[i]).string());
-            std::string line = mArgs.back() + "\n";
-            if (::write(fd, line.data(), line.size()) < 0) return -errno;
-        }
+        for (size_t i = 0; i < args.size(); i++) dprintf(fd, "%s\n", String8(args[i]).string());
         return NO_ERROR;
     }
-    int mFd = -1;
-    std::vector<std::string> mArgs;
+
+protected:
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
+        if (code != ECHO) return BBinder::onTransact(code, data, reply, flags);
+        CHECK_INTERFACE(IEcho, data, reply);
+        return reply->writeInt32(data.readInt32());
+    }
 };
 
-std::string drain(int fd) {
-    std::string out;
-    char buf[256];
-    ssize_t n;
-    while ((n = ::read(fd, buf, sizeof(buf))) > 0) out.append(buf, static_cast<size_t>(n));
-    return out;
-}
-
 // -----------------------------------------------------------------------------------------
-// BBinder's answers to the platform's own codes
+// BBinder
 
-TEST(BBinderDefaults, PlatformCodes) {
-    const sp<IBinder> counter = new Counter();
-    struct Case {
-        const char* name;
-        uint32_t code;
-        status_t status;
-        // What the reply holds, checked by reading it from position 0.
-        std::function<void(const Parcel&)> checkReply;
-    } cases[] = {
-            {"interface", IBinder::INTERFACE_TRANSACTION, NO_ERROR,
-             [](const Parcel& r) {
-                 EXPECT_EQ(r.readString16(), String16("morvel.tovarin.test.ICounter"));
-             }},
-            {"ping", IBinder::PING_TRANSACTION, NO_ERROR,
-             [](const Parcel& r) {
-                 int32_t v = -1;
-                 EXPECT_EQ(r.readInt32(&v), NO_ERROR);
-                 EXPECT_EQ(v, NO_ERROR);
-             }},
-            {"sysprops", IBinder::SYSPROPS_TRANSACTION, NO_ERROR,
-             [](const Parcel& r) { EXPECT_EQ(r.dataSize(), 0u); }},
-            {"unknown user code", IBinder::LAST_CALL_TRANSACTION, UNKNOWN_TRANSACTION,
-             [](const Parcel& r) { EXPECT_EQ(r.dataSize(), 0u); }},
-            {"unknown platform-like code", B_PACK_CHARS('_', 'X', 'Y', 'Z'), UNKNOWN_TRANSACTION,
-             [](const Parcel& r) { EXPECT_EQ(r.dataSize(), 0u); }},
+TEST(BBinder, AnswersThePlatformCodesReadingTheRequestFromTheStart) {
+    const sp<IBinder> echo = new Echo();
+    Parcel none, call, otherToken, shell, descriptor;
+    call.writeInterfaceToken(IEcho::descriptor);
+    call.writeInt32(5);
+    otherToken.writeInterfaceToken(String16("morvel.tovarin.test.IOther"));
+    // As IBinder::shellCommand sends it: in, out, err, args, callback, result receiver.
+    for (int fd : {0, 1, 2}) shell.writeFileDescriptor(fd);
+    shell.writeInt32(1);
+    shell.writeString16(String16("help"));
+    shell.writeStrongBinder(nullptr);
+    shell.writeStrongBinder(nullptr);
+    descriptor.writeString16(String16("morvel.tovarin.test.IEcho"));
+    const std::tuple<const char*, uint32_t, const Parcel&, status_t, Bytes> rows[] = {
+            {"interface", IBinder::INTERFACE_TRANSACTION, none, NO_ERROR, bytesOf(descriptor)},
+            {"ping", IBinder::PING_TRANSACTION, none, NO_ERROR, {0, 0, 0, 0}},
+            {"sysprops", IBinder::SYSPROPS_TRANSACTION, none, NO_ERROR, {}},
+            {"shell command", IBinder::SHELL_COMMAND_TRANSACTION, shell, NO_ERROR, {}},
+            {"unknown code", IBinder::LAST_CALL_TRANSACTION, none, UNKNOWN_TRANSACTION, {}},
+            {"call written up to its end", IEcho::ECHO, call, NO_ERROR, {5, 0, 0, 0}},
+            {"call with another token", IEcho::ECHO, otherToken, PERMISSION_DENIED, {}},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        Parcel data, reply;
-        EXPECT_EQ(counter->transact(c.code, data, &reply), c.status);
+    for (const auto& [name, code, data, status, replied] : rows) {
+        SCOPED_TRACE(name);
+        Parcel reply;
+        EXPECT_EQ(echo->transact(code, data, &reply), status);
+        EXPECT_EQ(bytesOf(reply), replied);
         EXPECT_EQ(reply.dataPosition(), 0u) << "the reply is rewound";
-        c.checkReply(reply);
+        EXPECT_EQ(data.dataAvail(), 0u) << "the whole request is read";
     }
-    // A one-way ping has no reply to write to.
-    Parcel data;
-    EXPECT_EQ(counter->transact(IBinder::PING_TRANSACTION, data, nullptr, IBinder::FLAG_ONEWAY),
+    // A one-way ping has no reply to write to; a local object cannot die.
+    EXPECT_EQ(echo->transact(IBinder::PING_TRANSACTION, none, nullptr, IBinder::FLAG_ONEWAY),
               NO_ERROR);
+    EXPECT_EQ(echo->linkToDeath(nullptr), INVALID_OPERATION);
+    EXPECT_TRUE(echo->isBinderAlive());
 }
 
-TEST(BBinderDefaults, TransactReadsTheDataFromTheStart) {
-    const sp<IBinder> counter = new Counter();
-    Parcel data, reply;
-    data.writeInterfaceToken(ICounter::descriptor);
-    data.writeInt32(5);
-    ASSERT_NE(data.dataPosition(), 0u);
-    EXPECT_EQ(counter->transact(ICounter::ADD, data, &reply), NO_ERROR);
-    EXPECT_EQ(reply.readInt32(), 5);
-
-    Parcel wrongToken, reply2;
-    wrongToken.writeInterfaceToken(String16("morvel.tovarin.test.IOther"));
-    wrongToken.writeInt32(5);
-    EXPECT_EQ(counter->transact(ICounter::ADD, wrongToken, &reply2), PERMISSION_DENIED);
-}
-
-TEST(BBinderDefaults, DumpGetsTheFdAndArguments) {
+TEST(BBinder, DumpGetsTheFdAndNoMoreArgumentsThanTheDataHolds) {
     int fds[2];
     ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
-    const sp<Dumper> dumper = new Dumper();
-    // Argument counts, hostile ones included, are bounded by the data that is there.
-    struct Case {
-        const char* name;
-        int32_t argc;
-        int strings;
-        size_t expectedArgs;
-    } cases[] = {
-            {"two arguments", 2, 2, 2},
-            {"argc INT32_MAX with two strings", INT32_MAX, 2, 2},
-            {"negative argc", -5, 2, 0},
-            {"argc 0", 0, 2, 0},
-            {"fewer strings than argc", 3, 1, 1},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        Parcel d, r;
-        d.writeFileDescriptor(fds[1]);
-        d.writeInt32(c.argc);
-        std::string expected;
-        for (int i = 0; i < c.strings; i++) {
-            const std::string arg = "--arg" + std::to_string(i);
-            d.writeString16(String16(arg.c_str()));
-            if (static_cast<size_t>(i) < c.expectedArgs) expected += arg + "\n";
-        }
-        EXPECT_EQ(dumper->transact(IBinder::DUMP_TRANSACTION, d, &r), NO_ERROR);
-        EXPECT_EQ(dumper->mFd, fds[1]);
-        EXPECT_EQ(dumper->mArgs.size(), c.expectedArgs);
-        EXPECT_EQ(drain(fds[0]), expected);
+    const sp<IBinder> echo = new Echo();
+    // argc, whether two bytes (too few for another count) follow the strings, what is dumped.
+    const std::tuple<int32_t, bool, std::string> rows[] = {
+            {INT32_MAX, true, "a\nb\n"}, {1, false, "a\n"}, {0, false, ""}, {-5, false, ""}};
+    for (const auto& [argc, shortTail, dumped] : rows) {
+        SCOPED_TRACE(testing::Message() << "argc " << argc << (shortTail ? " +2 bytes" : ""));
+        Parcel data, reply;
+        data.writeFileDescriptor(fds[1]);
+        data.writeInt32(argc);
+        for (const char* arg : {"a", "b"}) data.writeString16(String16(arg));
+        if (shortTail) data.writeUnpadded("\1\2", 2);
+        EXPECT_EQ(echo->transact(IBinder::DUMP_TRANSACTION, data, &reply), NO_ERROR);
+        char out[16];
+        const ssize_t n = ::read(fds[0], out, sizeof(out));
+        EXPECT_EQ(std::string(out, n > 0 ? size_t(n) : 0), dumped);
     }
-
-    // Strings with hostile counts end the arguments instead of reading beyond the data.
-    Parcel d, r;
-    d.writeFileDescriptor(fds[1]);
-    d.writeInt32(INT32_MAX);
-    d.writeInt32(INT32_MAX);  // a String16 count
-    d.writeInt32(-7);         // and another
-    EXPECT_EQ(dumper->transact(IBinder::DUMP_TRANSACTION, d, &r), NO_ERROR);
-    EXPECT_LE(dumper->mArgs.size(), 2u);
-
-    // A tail too short for a count: reading it fails without moving, which must end the loop
-    // rather than add empty arguments argc times.
-    Parcel t, tr;
-    t.writeFileDescriptor(fds[1]);
-    t.writeInt32(INT32_MAX);
-    t.writeString16(String16("only"));
-    const uint8_t tail[2] = {1, 2};
-    t.writeUnpadded(tail, sizeof(tail));
-    EXPECT_EQ(dumper->transact(IBinder::DUMP_TRANSACTION, t, &tr), NO_ERROR);
-    EXPECT_EQ(dumper->mArgs, std::vector<std::string>({"only"}));
     close(fds[0]);
     close(fds[1]);
 }
 
-TEST(BBinderDefaults, ShellCommandIsConsumedAndAnswered) {
-    int fds[2];
-    ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
-    const sp<IBinder> counter = new Counter();
-    // The request as IBinder::shellCommand sends it: in, out, err, args, callback, receiver.
-    Parcel data, reply;
-    data.writeFileDescriptor(fds[0]);
-    data.writeFileDescriptor(fds[1]);
-    data.writeFileDescriptor(fds[1]);
-    data.writeInt32(1);
-    data.writeString16(String16("help"));
-    data.writeStrongBinder(nullptr);
-    data.writeStrongBinder(nullptr);
-    EXPECT_EQ(counter->transact(IBinder::SHELL_COMMAND_TRANSACTION, data, &reply), NO_ERROR);
-    EXPECT_EQ(data.dataAvail(), 0u) << "the whole request is consumed";
-    close(fds[0]);
-    close(fds[1]);
-}
-
-TEST(BBinderDefaults, LocalObjectsCannotDie) {
-    const sp<BBinder> b = new BBinder();
-    EXPECT_EQ(b->linkToDeath(nullptr), INVALID_OPERATION);
-    EXPECT_EQ(b->unlinkToDeath(nullptr), INVALID_OPERATION);
-    EXPECT_TRUE(b->isBinderAlive());
-    EXPECT_EQ(b->pingBinder(), NO_ERROR);
-    EXPECT_EQ(b->localBinder(), b.get());
-    EXPECT_EQ(b->remoteBinder(), nullptr);
-    EXPECT_EQ(b->queryLocalInterface(ICounter::descriptor), nullptr);
-    EXPECT_FALSE(b->checkSubclass(nullptr));
-    EXPECT_EQ(b->getInterfaceDescriptor().size(), 0u);
-}
-
-TEST(BBinderDefaults, AttachedObjectsAreCleanedUpWithTheBinderUnlessDetached) {
+TEST(BBinder, AttachedObjectsAreCleanedUpWithTheBinderUnlessDetached) {
     static int cleaned;
     cleaned = 0;
-    auto cleanup = [](const void*, void* obj, void* cookie) {
-        EXPECT_EQ(obj, cookie);
-        cleaned++;
-    };
+    const auto cleanup = [](const void*, void* obj, void* cookie) { cleaned += obj == cookie; };
     int keyA = 0, keyB = 0, objA = 0, objB = 0, other = 0;
     {
         sp<BBinder> b = new BBinder();
+        EXPECT_EQ(b->findObject(&keyA), nullptr);
+        b->detachObject(&keyA);
         b->attachObject(&keyA, &objA, &objA, cleanup);
         b->attachObject(&keyB, &objB, &objB, cleanup);
         b->attachObject(&keyA, &other, &other, cleanup);  // already attached: ignored
@@ -255,7 +135,6 @@ TEST(BBinderDefaults, AttachedObjectsAreCleanedUpWithTheBinderUnlessDetached) {
         EXPECT_EQ(b->findObject(&other), nullptr);
         b->detachObject(&keyB);
         EXPECT_EQ(b->findObject(&keyB), nullptr);
-        EXPECT_EQ(cleaned, 0);
     }
     EXPECT_EQ(cleaned, 1) << "only the object still attached is cleaned up";
 }
@@ -263,39 +142,32 @@ TEST(BBinderDefaults, AttachedObjectsAreCleanedUpWithTheBinderUnlessDetached) {
 // -----------------------------------------------------------------------------------------
 // Interfaces
 
-TEST(Interfaces, AsInterfaceOnALocalBinderReturnsTheLocalObject) {
-    const sp<Counter> local = new Counter();
+TEST(Interfaces, ALocalObjectIsItsOwnInterfaceAnyOtherBinderGetsAProxy) {
+    const sp<Echo> local = new Echo();
     const sp<IBinder> binder = IInterface::asBinder(local.get());
-    EXPECT_EQ(binder.get(), static_cast<IBinder*>(local.get()));
-
-    const sp<ICounter> iface = interface_cast<ICounter>(binder);
-    EXPECT_EQ(iface.get(), static_cast<ICounter*>(local.get()));
-    EXPECT_EQ(iface->add(3), 3);
-
-    EXPECT_EQ(ICounter::asInterface(nullptr), nullptr);
+    EXPECT_EQ(interface_cast<IEcho>(binder).get(), static_cast<IEcho*>(local.get()));
     EXPECT_EQ(IInterface::asBinder(static_cast<const IInterface*>(nullptr)), nullptr);
     EXPECT_EQ(IInterface::asBinder(sp<IInterface>()), nullptr);
-}
 
-TEST(Interfaces, ProxyKeepsItsBinderAliveAndTransactsThroughIt) {
+    // A binder that is not an IEcho (a plain BBinder) gets a proxy that holds it.
     wp<IBinder> weakBinder;
-    sp<ICounter> proxy;
+    sp<IEcho> proxy;
     {
-        sp<IBinder> binder = new CounterByTransaction();
-        weakBinder = binder;
-        proxy = interface_cast<ICounter>(binder);
+        sp<IBinder> plain = new BBinder();
+        weakBinder = plain;
+        proxy = interface_cast<IEcho>(plain);
         ASSERT_NE(proxy, nullptr);
-        EXPECT_NE(static_cast<void*>(proxy.get()), static_cast<void*>(binder.get()));
-        EXPECT_EQ(IInterface::asBinder(proxy), binder);
+        EXPECT_EQ(IInterface::asBinder(proxy), plain);
     }
-    EXPECT_NE(weakBinder.promote(), nullptr) << "the proxy holds a strong reference on its binder";
-    EXPECT_EQ(proxy->add(4), 40);
-
-    // A weak reference to the proxy can be promoted while it lives.
-    wp<ICounter> weak = proxy;
-    EXPECT_NE(weak.promote(), nullptr);
+    EXPECT_NE(weakBinder.promote(), nullptr) << "the proxy holds a strong reference";
     proxy.clear();
     EXPECT_EQ(weakBinder.promote(), nullptr) << "the last proxy reference releases the binder";
+
+    // While its binder lives, a proxy is promoted again from a weak reference.
+    const wp<IEcho> weak = sp<IEcho>(new BpEcho(binder));
+    const sp<IEcho> again = weak.promote();
+    ASSERT_NE(again, nullptr);
+    EXPECT_EQ(IInterface::asBinder(again), binder);
 }
 
 }  // namespace
