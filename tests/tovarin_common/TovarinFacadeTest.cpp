@@ -1,22 +1,30 @@
 // The simulated head tracker behind TovarinFacade: tracker allocation, the per-tracker state
-// machine, configuration, sampling, state change and raw data listeners, and its threads.
+// machine, configuration, sampling and its motion, and delivery to state change and raw data
+// listeners from the facade's own threads.
 
 #include <math.h>
 #include <string.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
+#include <sstream>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <hostbinder_test/Roles.h>
 #include <utils/Timers.h>
 
+#include <tovarin/ReplayMotion.h>
+#include <tovarin/SyntheticMotion.h>
 #include <tovarin/TovarinDiagnostics.h>
 #include <tovarin/TovarinFacade.h>
+#include <tovarin/TovarinOverrides.h>
 
 namespace morvel {
 namespace tovarin {
@@ -27,12 +35,9 @@ using android::INVALID_OPERATION;
 using android::OK;
 using android::sp;
 using android::status_t;
+using hostbinder_test::kDeadlineMs;
+using hostbinder_test::waitUntil;
 using F = TovarinFacade;
-
-// Raw data off by default in these tests unless a test registers a raw listener.
-sp<TovarinFacade> makeFacade(F::Options options = F::Options()) {
-    return new TovarinFacade(options);
-}
 
 HeadTrackerHandle handleOf(int32_t id) {
     HeadTrackerHandle handle;
@@ -40,82 +45,67 @@ HeadTrackerHandle handleOf(int32_t id) {
     return handle;
 }
 
-F::TrackerState stateOf(const sp<TovarinFacade>& facade, int32_t id) {
+// One letter per tracker: F free, T stopped, S started, B standby.
+std::string states(const sp<TovarinFacade>& facade) {
+    std::string letters;
     F::TrackerInfo info;
-    EXPECT_TRUE(facade->getTrackerInfo(id, &info));
-    return info.state;
+    for (int32_t id = 0; facade->getTrackerInfo(id, &info); ++id) letters += "FTSB"[info.state];
+    return letters;
 }
 
-// Allocation
-
-TEST(TrackerAllocation, LowestFreeIdUntilExhaustedThenMinusOne) {
-    F::Options two;
-    two.trackerCount = 2;
-    for (const auto& [options, count] : {std::pair{F::Options(), 4}, std::pair{two, 2}}) {
+TEST(Trackers, LowestFreeIdFirstAndOnlyHeldIdsAreAccepted) {
+    for (int32_t count : {4, 2}) {  // 4 is the default
         SCOPED_TRACE(count);
-        sp<TovarinFacade> facade = makeFacade(options);
-        ASSERT_EQ(facade->getTrackerCount(), count);
-        for (int32_t expected = 0; expected < count; ++expected) {
-            HeadTrackerHandle handle = facade->getHeadTrackerHandle();
-            EXPECT_EQ(handle.id, expected);
-            EXPECT_EQ(handle.secondaryId, -1);
-            EXPECT_EQ(stateOf(facade, expected), F::STOPPED);
-        }
-        HeadTrackerHandle none = facade->getHeadTrackerHandle();
-        EXPECT_EQ(none.id, -1);
-        EXPECT_EQ(none.secondaryId, -1);
-        F::TrackerInfo info;
-        EXPECT_FALSE(facade->getTrackerInfo(count, &info));
-
-        // Freed ids come back lowest first, not most recently freed first.
-        facade->releaseHeadTrackerHandle(handleOf(count - 2));
-        facade->releaseHeadTrackerHandle(handleOf(count - 1));
-        EXPECT_EQ(stateOf(facade, count - 2), F::FREE);
-        EXPECT_EQ(facade->getHeadTrackerHandle().id, count - 2);
-        EXPECT_EQ(facade->getHeadTrackerHandle().id, count - 1);
+        F::Options options;
+        if (count != 4) options.trackerCount = count;
+        sp<TovarinFacade> facade = new TovarinFacade(options);
+        for (int32_t id = 0; id < count; ++id) EXPECT_EQ(facade->getHeadTrackerHandle().id, id);
         EXPECT_EQ(facade->getHeadTrackerHandle().id, -1);
+        F::TrackerInfo info;
+        EXPECT_FALSE(facade->getTrackerInfo(-1, &info));
+
+        HeadTrackingConfiguration config;
+        config.fidelity = 3;
+        ASSERT_EQ(facade->start(handleOf(0)), OK);
+        ASSERT_EQ(facade->setConfiguration(handleOf(0), config), OK);
+        ASSERT_EQ(facade->setPid(handleOf(0), 321), OK);
+        facade->releaseHeadTrackerHandle(handleOf(count - 1));
+        // Every operation refuses ids that are free or out of range; releasing them does nothing.
+        HeadTrackingEvent event;
+        for (int32_t id : {count - 1, -1, count, INT32_MIN}) {
+            SCOPED_TRACE(id);
+            const HeadTrackerHandle h = handleOf(id);
+            facade->releaseHeadTrackerHandle(h);
+            EXPECT_EQ(facade->start(h), BAD_VALUE);
+            EXPECT_EQ(facade->stop(h), BAD_VALUE);
+            EXPECT_EQ(facade->standby(h), BAD_VALUE);
+            EXPECT_EQ(facade->setConfiguration(h, config), BAD_VALUE);
+            EXPECT_EQ(facade->setPid(h, 9), BAD_VALUE);
+            EXPECT_EQ(facade->sample(h, event), BAD_VALUE);
+        }
+        EXPECT_EQ(states(facade), count == 4 ? "STTF" : "SF");
+
+        // Freed ids come back lowest first, stopped, with no pid and the default configuration.
+        facade->releaseHeadTrackerHandle(handleOf(0));
+        EXPECT_EQ(facade->getHeadTrackerHandle().id, 0);
+        ASSERT_TRUE(facade->getTrackerInfo(0, &info));
+        EXPECT_EQ(info.pid, -1);
+        EXPECT_EQ(info.configuration.fidelity, 2);
+        EXPECT_EQ(facade->getHeadTrackerHandle().id, count - 1);
+        EXPECT_EQ(states(facade), std::string(count, 'T'));
     }
 }
 
-TEST(TrackerAllocation, ReleasingFreeOrUnknownIdsChangesNothing) {
-    sp<TovarinFacade> facade = makeFacade();
-    ASSERT_EQ(facade->getHeadTrackerHandle().id, 0);
-    ASSERT_EQ(facade->start(handleOf(0)), OK);
-    for (int32_t id : {-1, 1, 3, 4, 1000, INT32_MIN}) {
-        facade->releaseHeadTrackerHandle(handleOf(id));
-    }
-    EXPECT_EQ(stateOf(facade, 0), F::STARTED);
-    EXPECT_EQ(facade->getHeadTrackerHandle().id, 1);
-
-    // A released tracker starts afresh: stopped, default configuration, no pid.
-    HeadTrackingConfiguration config;
-    config.fidelity = 3;
-    config.filter = 0;
-    ASSERT_EQ(facade->setConfiguration(handleOf(0), config), OK);
-    ASSERT_EQ(facade->setPid(handleOf(0), 321), OK);
-    facade->releaseHeadTrackerHandle(handleOf(0));
-    ASSERT_EQ(facade->getHeadTrackerHandle().id, 0);
-    F::TrackerInfo info;
-    ASSERT_TRUE(facade->getTrackerInfo(0, &info));
-    EXPECT_EQ(info.state, F::STOPPED);
-    EXPECT_EQ(info.pid, -1);
-    EXPECT_EQ(info.configuration.fidelity, 2);
-    EXPECT_EQ(info.configuration.filter, 1);
-}
-
-TEST(TrackerAllocation, ConcurrentCallersNeverShareATracker) {
-    sp<TovarinFacade> facade = makeFacade();
+TEST(Trackers, ConcurrentCallersNeverShareATracker) {
+    sp<TovarinFacade> facade = new TovarinFacade();
     std::atomic<int> owners[4] = {};
-    std::atomic<int> grants{0};
     std::atomic<int> shared{0};
     std::vector<std::thread> threads;
     for (int t = 1; t <= 6; ++t) {  // more callers than trackers
         threads.emplace_back([&, t] {
             for (int i = 0; i < 300; ++i) {
-                HeadTrackerHandle handle = facade->getHeadTrackerHandle();
-                if (handle.id < 0) continue;
-                ASSERT_LT(handle.id, 4);
-                ++grants;
+                const HeadTrackerHandle handle = facade->getHeadTrackerHandle();
+                if (handle.id < 0 || handle.id >= 4) continue;
                 if (owners[handle.id].exchange(t) != 0) ++shared;
                 EXPECT_EQ(facade->start(handle), OK);
                 owners[handle.id].store(0);
@@ -125,316 +115,203 @@ TEST(TrackerAllocation, ConcurrentCallersNeverShareATracker) {
     }
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(shared.load(), 0) << "a tracker was given to two holders at once";
-    EXPECT_GT(grants.load(), 0);
-    for (int32_t id = 0; id < 4; ++id) EXPECT_EQ(stateOf(facade, id), F::FREE);
+    EXPECT_EQ(states(facade), "FFFF");
 }
 
-// State machine
-
-enum class Op { Start, Stop, Standby, Disable, Enable };
-
-struct Step {
-    Op op;
-    status_t status;
-    F::TrackerState after;
-};
-
-const char* name(Op op) {
-    switch (op) {
-        case Op::Start: return "start";
-        case Op::Stop: return "stop";
-        case Op::Standby: return "standby";
-        case Op::Disable: return "disable";
-        case Op::Enable: return "enable";
-    }
-    return "?";
-}
-
-TEST(TrackerStateMachine, Transitions) {
-    const std::vector<std::vector<Step>> scenarios = {
-            {{Op::Start, OK, F::STARTED}, {Op::Start, OK, F::STARTED}, {Op::Stop, OK, F::STOPPED},
-             {Op::Stop, OK, F::STOPPED}},
-            {{Op::Standby, INVALID_OPERATION, F::STOPPED}, {Op::Start, OK, F::STARTED},
-             {Op::Standby, OK, F::STANDBY}, {Op::Standby, OK, F::STANDBY},
-             {Op::Start, OK, F::STARTED}},
-            {{Op::Start, OK, F::STARTED}, {Op::Standby, OK, F::STANDBY},
-             {Op::Stop, OK, F::STOPPED}, {Op::Standby, INVALID_OPERATION, F::STOPPED}},
+// Each step is an operation and the state after it (letters as states() has them), joined by
+// '=' when it succeeds and by '!' when it fails with INVALID_OPERATION. simV sets the fault key
+// sim.refuseStart to V (start() fails while it is 1; other values count as not set), sim clears it.
+TEST(Trackers, StateMachine) {
+    const char* const scenarios[] = {
+            "start=S start=S stop=T stop=T",
+            "standby!T start=S standby=B standby=B start=S",
+            "start=S standby=B stop=T standby!T",
             // Disabling parks started trackers in standby; nothing starts while disabled.
-            {{Op::Start, OK, F::STARTED}, {Op::Disable, OK, F::STANDBY},
-             {Op::Start, INVALID_OPERATION, F::STANDBY}, {Op::Stop, OK, F::STOPPED},
-             {Op::Start, INVALID_OPERATION, F::STOPPED}, {Op::Enable, OK, F::STOPPED},
-             {Op::Start, OK, F::STARTED}, {Op::Enable, OK, F::STARTED}},
-            {{Op::Disable, OK, F::STOPPED}, {Op::Standby, INVALID_OPERATION, F::STOPPED}},
+            "start=S disable=B start!B stop=T start!T enable=T start=S enable=S",
+            "sim1=T start!T sim=T start=S stop=T sim1x=T start=S stop=T sim2=T start=S stop=T "
+            "sim-1=T start=S stop=T sim0=T start=S sim=S",
     };
-    for (size_t s = 0; s < scenarios.size(); ++s) {
-        sp<TovarinFacade> facade = makeFacade();
-        HeadTrackerHandle handle = facade->getHeadTrackerHandle();
-        ASSERT_EQ(handle.id, 0);
-        for (size_t i = 0; i < scenarios[s].size(); ++i) {
-            const Step& step = scenarios[s][i];
-            SCOPED_TRACE(testing::Message() << "scenario " << s << " step " << i << " "
-                                            << name(step.op));
+    for (const char* scenario : scenarios) {
+        sp<TovarinFacade> facade = new TovarinFacade();
+        const HeadTrackerHandle handle = facade->getHeadTrackerHandle();
+        std::istringstream steps(scenario);
+        for (std::string step; steps >> step;) {
+            SCOPED_TRACE(std::string(scenario) + ": " + step);
+            const std::string op = step.substr(0, step.size() - 2);
             status_t status = OK;
-            switch (step.op) {
-                case Op::Start: status = facade->start(handle); break;
-                case Op::Stop: status = facade->stop(handle); break;
-                case Op::Standby: status = facade->standby(handle); break;
-                case Op::Disable: facade->setEnabledState(0); break;
-                case Op::Enable: facade->setEnabledState(1); break;
+            if (op == "start") status = facade->start(handle);
+            if (op == "stop") status = facade->stop(handle);
+            if (op == "standby") status = facade->standby(handle);
+            if (op == "disable" || op == "enable") facade->setEnabledState(op == "enable");
+            if (op == "sim") TovarinOverrides::getInstance()->clear(F::kSimRefuseStart);
+            if (op.size() > 3 && op.rfind("sim", 0) == 0) {
+                TovarinOverrides::getInstance()->set(F::kSimRefuseStart, op.c_str() + 3);
             }
-            EXPECT_EQ(status, step.status);
-            EXPECT_EQ(stateOf(facade, 0), step.after);
+            EXPECT_EQ(status, step[op.size()] == '=' ? OK : INVALID_OPERATION);
+            EXPECT_EQ(states(facade), step.substr(op.size() + 1) + "FFF");
         }
     }
 }
 
-TEST(TrackerStateMachine, EveryOperationRejectsUnknownAndReleasedHandles) {
-    sp<TovarinFacade> facade = makeFacade();
-    HeadTrackerHandle held = facade->getHeadTrackerHandle();
-    HeadTrackerHandle released = facade->getHeadTrackerHandle();
-    facade->releaseHeadTrackerHandle(released);
-
-    const std::vector<std::pair<const char*, std::function<status_t(const HeadTrackerHandle&)>>>
-            operations = {
-                    {"start", [&](const HeadTrackerHandle& h) { return facade->start(h); }},
-                    {"stop", [&](const HeadTrackerHandle& h) { return facade->stop(h); }},
-                    {"standby", [&](const HeadTrackerHandle& h) { return facade->standby(h); }},
-                    {"setConfiguration",
-                     [&](const HeadTrackerHandle& h) {
-                         return facade->setConfiguration(h, HeadTrackingConfiguration());
-                     }},
-                    {"setPid", [&](const HeadTrackerHandle& h) { return facade->setPid(h, 9); }},
-                    {"sample",
-                     [&](const HeadTrackerHandle& h) {
-                         HeadTrackingEvent event;
-                         return facade->sample(h, event);
-                     }},
-            };
-    for (const auto& [opName, operation] : operations) {
-        for (int32_t id : {released.id, -1, 2, 4, 99, INT32_MAX}) {
-            EXPECT_EQ(operation(handleOf(id)), BAD_VALUE) << opName << " id " << id;
-        }
-    }
-    // Nothing above touched the tracker that is held.
-    F::TrackerInfo info;
-    ASSERT_TRUE(facade->getTrackerInfo(held.id, &info));
-    EXPECT_EQ(info.state, F::STOPPED);
-    EXPECT_EQ(info.pid, -1);
-}
-
-TEST(TrackerConfiguration, ValidatedAndStoredPerTracker) {
-    struct Case {
-        int32_t fidelity;
-        int32_t filter;
-        status_t status;
-    };
-    const Case cases[] = {{0, 0, OK},          {3, 2, OK},          {2, 1, OK},
-                          {-1, 1, BAD_VALUE},  {4, 1, BAD_VALUE},   {2, -1, BAD_VALUE},
-                          {2, 3, BAD_VALUE},   {INT32_MIN, 0, BAD_VALUE}};
-    sp<TovarinFacade> facade = makeFacade();
-    HeadTrackerHandle first = facade->getHeadTrackerHandle();
-    HeadTrackerHandle second = facade->getHeadTrackerHandle();
-    HeadTrackingConfiguration lastGood;
-    for (const Case& c : cases) {
-        HeadTrackingConfiguration config;
-        config.fidelity = c.fidelity;
-        config.filter = c.filter;
-        config.debugString = "f" + std::to_string(c.fidelity);
-        EXPECT_EQ(facade->setConfiguration(first, config), c.status)
-                << c.fidelity << "/" << c.filter;
-        if (c.status == OK) lastGood = config;
-        F::TrackerInfo info;
-        ASSERT_TRUE(facade->getTrackerInfo(first.id, &info));
-        // A rejected configuration leaves the previous one in force.
-        EXPECT_EQ(info.configuration.fidelity, lastGood.fidelity);
-        EXPECT_EQ(info.configuration.filter, lastGood.filter);
-        EXPECT_EQ(info.configuration.debugString, lastGood.debugString);
-    }
-    F::TrackerInfo other;
-    ASSERT_TRUE(facade->getTrackerInfo(second.id, &other));
-    EXPECT_EQ(other.configuration.fidelity, 2);
-    EXPECT_EQ(other.configuration.filter, 1);
-}
-
-TEST(TrackerConfiguration, DiagnosticsFollowTheStateOnlyWhenAskedTo) {
+TEST(Trackers, ConfigurationIsValidatedStoredPerTrackerAndPublishedWhenAskedTo) {
     KeyValueStore* store = TovarinDiagnostics::getInstance(TovarinDiagnostics::DEBUG);
     store->clearAll();
     {
-        sp<TovarinFacade> quiet = makeFacade();
-        HeadTrackerHandle handle = quiet->getHeadTrackerHandle();
-        ASSERT_EQ(quiet->start(handle), OK);
+        sp<TovarinFacade> quiet = new TovarinFacade();
+        ASSERT_EQ(quiet->start(quiet->getHeadTrackerHandle()), OK);
         EXPECT_EQ(store->size(), 0u);
     }
     F::Options options;
     options.publishDiagnostics = true;
-    sp<TovarinFacade> facade = makeFacade(options);
-    auto value = [&](const char* key) {
-        std::string text = "(absent)";
-        store->get(key, &text);
-        return text;
-    };
-    EXPECT_EQ(value("facade.enabled"), "1");
-    EXPECT_EQ(value("facade.trackingState"), "0,0");
-    HeadTrackerHandle first = facade->getHeadTrackerHandle();
-    HeadTrackerHandle second = facade->getHeadTrackerHandle();
+    sp<TovarinFacade> facade = new TovarinFacade(options);
+    auto published = [&] { return std::string(store->toString().string()); };
+    EXPECT_EQ(published(), "facade.enabled=1\nfacade.trackingState=0,0");
+    const HeadTrackerHandle first = facade->getHeadTrackerHandle();
+    const HeadTrackerHandle second = facade->getHeadTrackerHandle();
+
+    // fidelity 0..3, filter 0..2; a refused configuration leaves the previous one in force.
+    const int32_t tries[][3] = {
+            {0, 0, OK},         {3, 2, OK},        {-1, 1, BAD_VALUE},       {4, 1, BAD_VALUE},
+            {2, -1, BAD_VALUE}, {2, 3, BAD_VALUE}, {INT32_MIN, 0, BAD_VALUE}};
+    for (const auto& [fidelity, filter, status] : tries) {
+        HeadTrackingConfiguration config;
+        config.fidelity = fidelity;
+        config.filter = filter;
+        EXPECT_EQ(facade->setConfiguration(second, config), status) << fidelity << "/" << filter;
+    }
     ASSERT_EQ(facade->setPid(second, 55), OK);
-    HeadTrackingConfiguration config;
-    config.fidelity = 3;
-    ASSERT_EQ(facade->setConfiguration(second, config), OK);
     ASSERT_EQ(facade->start(second), OK);
-    EXPECT_EQ(value("tracker.0"), "STOPPED pid -1 fidelity 2 filter 1");
-    EXPECT_EQ(value("tracker.1"), "STARTED pid 55 fidelity 3 filter 1");
-    EXPECT_EQ(value("facade.trackingState"), "2,0");
+    EXPECT_EQ(published(),
+              "facade.enabled=1\nfacade.trackingState=2,0\ntracker.0=STOPPED pid -1 fidelity 2 "
+              "filter 1\ntracker.1=STARTED pid 55 fidelity 3 filter 2");
     facade->setEnabledState(0);
-    EXPECT_EQ(value("facade.enabled"), "0");
-    EXPECT_EQ(value("tracker.1"), "STANDBY pid 55 fidelity 3 filter 1");
     facade->releaseHeadTrackerHandle(first);
-    EXPECT_EQ(value("tracker.0"), "(absent)");
-    EXPECT_EQ(value("facade.trackingState"), "1,2");
+    EXPECT_EQ(published(),
+              "facade.enabled=0\nfacade.trackingState=1,2\ntracker.1=STANDBY pid 55 fidelity 3 "
+              "filter 2");
     store->clearAll();
 }
 
-// Sampling
-
-TEST(TrackerSampling, OnlyStartedTrackersSampleAndTheEventIsLeftAloneOtherwise) {
-    sp<TovarinFacade> facade = makeFacade();
-    HeadTrackerHandle handle = facade->getHeadTrackerHandle();
-    HeadTrackingEvent untouched;
-    untouched.component0 = 123.0f;
-    strcpy(untouched.text, "mine");
-    HeadTrackingEvent event = untouched;
+// A replayed recording, still for a minute, so that a sample taken soon after start() is its
+// first sample exactly: poses come from each tracker's clock, which starts with start().
+TEST(TrackerSampling, OnlyStartedTrackersSampleTheMotionSource) {
+    F::Options options;
+    MotionRecording recording;
+    std::string error;
+    ASSERT_TRUE(MotionRecording::parse(
+            "timestamp_ns,yaw_deg,pitch_deg,roll_deg,confidence,text\n0,11,-7,3,0.5,take-1\n"
+            "60000000000,11,-7,3,0.5,take-1\n61000000000,50,50,50,1,take-1\n",
+            &recording, &error));
+    options.motion = std::make_shared<const ReplayMotion>(recording, false);
+    sp<TovarinFacade> facade = new TovarinFacade(options);
+    const HeadTrackerHandle handle = facade->getHeadTrackerHandle();
+    HeadTrackingEvent event;
+    strcpy(event.text, "mine");
     EXPECT_EQ(facade->sample(handle, event), INVALID_OPERATION);  // stopped
     ASSERT_EQ(facade->start(handle), OK);
     ASSERT_EQ(facade->standby(handle), OK);
     EXPECT_EQ(facade->sample(handle, event), INVALID_OPERATION);  // standby
-    EXPECT_EQ(event.component0, 123.0f);
     EXPECT_STREQ(event.text, "mine");
 
     ASSERT_EQ(facade->start(handle), OK);
     memset(event.text, 'x', sizeof(event.text));  // the sample must terminate the text itself
     const int64_t before = systemTime(SYSTEM_TIME_MONOTONIC);
     ASSERT_EQ(facade->sample(handle, event), OK);
-    const int64_t after = systemTime(SYSTEM_TIME_MONOTONIC);
-    EXPECT_GE(event.timestamp, before);
-    EXPECT_LE(event.timestamp, after);
-    EXPECT_STREQ(event.text, "simulated");
-    EXPECT_TRUE(event.flag0);
-    EXPECT_GT(event.scalar, 0.0f);
-    EXPECT_LE(event.scalar, 1.0f);
-    EXPECT_EQ(event.flag1, event.scalar >= 0.85f);
-    // A plausible head: yaw, pitch and roll in degrees within the range of a human neck.
-    EXPECT_LE(fabsf(event.component0), 90.0f);
-    EXPECT_LE(fabsf(event.component1), 60.0f);
-    EXPECT_LE(fabsf(event.component2), 45.0f);
+    EXPECT_GE(event.timestamp, before);  // the time of sampling, not the recording's
+    EXPECT_LE(event.timestamp, systemTime(SYSTEM_TIME_MONOTONIC));
+    std::ostringstream seen;
+    seen << event.component0 << " " << event.component1 << " " << event.component2 << " "
+         << event.scalar << " " << event.flag0 << event.flag1 << " " << event.text;
+    EXPECT_EQ(seen.str(), "11 -7 3 0.5 10 take-1");
 }
 
-TEST(TrackerSampling, MotionIsSmoothButMoving) {
-    sp<TovarinFacade> facade = makeFacade();
-    HeadTrackerHandle handle = facade->getHeadTrackerHandle();
-    HeadTrackingConfiguration config;
-    config.filter = 2;
-    ASSERT_EQ(facade->setConfiguration(handle, config), OK);
-    ASSERT_EQ(facade->start(handle), OK);
-
-    HeadTrackingEvent previous;
-    ASSERT_EQ(facade->sample(handle, previous), OK);
-    float travelled = 0.0f;
-    for (int i = 0; i < 40; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        HeadTrackingEvent event;
-        ASSERT_EQ(facade->sample(handle, event), OK);
-        ASSERT_GT(event.timestamp, previous.timestamp);
-        const double seconds = double(event.timestamp - previous.timestamp) / 1e9;
-        // No jumps: no component moves faster than 60 degrees per second.
-        for (auto [a, b] : {std::pair{event.component0, previous.component0},
-                            std::pair{event.component1, previous.component1},
-                            std::pair{event.component2, previous.component2}}) {
-            EXPECT_LE(fabs(a - b), 60.0 * seconds + 1e-3) << "sample " << i;
-            travelled += fabsf(a - b);
+// The synthetic head over a minute: within the range of a human neck, never faster than 60
+// degrees per second, and the stronger the filter the less it jitters.
+TEST(TrackerSampling, SyntheticMotionIsASmoothPlausibleHead) {
+    double jitter[3] = {};  // the largest difference of each filter's yaw from filter 2's
+    MotionPose poses[3], previous;
+    for (int64_t t = 0; t <= 60000000000; t += 10000000) {
+        for (int32_t filter = 2; filter >= 0; --filter) {
+            HeadTrackingConfiguration config;
+            config.filter = filter;
+            SyntheticMotion().poseAt(t, config, &poses[filter]);
+            jitter[filter] = std::max(jitter[filter], fabs(poses[filter].yaw - poses[2].yaw));
         }
-        previous = event;
+        const MotionPose& pose = poses[2];
+        ASSERT_TRUE(fabs(pose.yaw) <= 90 && fabs(pose.pitch) <= 60 && fabs(pose.roll) <= 45) << t;
+        const double moved =
+                std::max({fabs(pose.yaw - previous.yaw), fabs(pose.pitch - previous.pitch),
+                          fabs(pose.roll - previous.roll)});
+        ASSERT_LE(t > 0 ? moved : 0.0, 0.6) << t;  // in 10 ms
+        previous = pose;
     }
-    EXPECT_GT(travelled, 0.5f) << "the head does not move";
+    EXPECT_GT(jitter[0], jitter[1]);
+    EXPECT_GT(jitter[1], 0.0);
 }
 
-// State change listeners
-
-class RecordingStateListener : public StateChangeListener {
+// Keeps a summary of each event a listener hears, made on the delivery thread, then runs `hook`.
+template <typename Listener, typename Event, typename Summary>
+class Recorder : public Listener {
 public:
-    void onEvent(const StateChangeEvent& event) override {
-        if (onEventHook) onEventHook(event);
+    explicit Recorder(std::function<Summary(const Event&)> summarize) : mSummarize(summarize) {}
+    void onEvent(const Event& event) override {
+        {
+            std::lock_guard<std::mutex> lock(mLock);
+            mHeard.push_back(mSummarize(event));
+        }
+        if (hook) hook();
+    }
+    std::vector<Summary> heard() {
         std::lock_guard<std::mutex> lock(mLock);
-        mEvents.push_back(event);
-        mThreads.push_back(std::this_thread::get_id());
-        mCond.notify_all();
+        return mHeard;
     }
-    std::vector<StateChangeEvent> events() {
-        std::lock_guard<std::mutex> lock(mLock);
-        return mEvents;
+    bool waitFor(size_t count, int timeoutMs = kDeadlineMs) {
+        return waitUntil([&] { return heard().size() >= count; }, timeoutMs);
     }
-    std::vector<std::thread::id> threads() {
-        std::lock_guard<std::mutex> lock(mLock);
-        return mThreads;
-    }
-    bool waitForEvents(size_t count, int timeoutMs = 5000) {
-        std::unique_lock<std::mutex> lock(mLock);
-        return mCond.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                              [&] { return mEvents.size() >= count; });
-    }
-    std::function<void(const StateChangeEvent&)> onEventHook;
+    std::function<void()> hook;
 
 private:
+    const std::function<Summary(const Event&)> mSummarize;
     std::mutex mLock;
-    std::condition_variable mCond;
-    std::vector<StateChangeEvent> mEvents;
-    std::vector<std::thread::id> mThreads;
+    std::vector<Summary> mHeard;
 };
 
-struct Expected {
-    bool enabled;
-    int32_t primary;
-    int32_t secondary;
-};
+using StateRecorder = Recorder<StateChangeListener, StateChangeEvent, StateChangeEvent>;
 
-void expectEvents(const std::vector<StateChangeEvent>& events, const std::vector<Expected>& want) {
-    ASSERT_EQ(events.size(), want.size());
-    for (size_t i = 0; i < want.size(); ++i) {
-        EXPECT_EQ(events[i].flag, want[i].enabled) << "event " << i;
-        EXPECT_EQ(events[i].state.primary, want[i].primary) << "event " << i;
-        EXPECT_EQ(events[i].state.secondary, want[i].secondary) << "event " << i;
-        if (i > 0) {
-            EXPECT_GE(events[i].timestamp, events[i - 1].timestamp) << "event " << i;
-        }
-    }
+sp<StateRecorder> stateRecorder() {
+    return new StateRecorder([](const StateChangeEvent& event) { return event; });
 }
 
-TEST(StateChangeListeners, HandlesCountUpFromZeroAndStampTheRegistration) {
-    sp<TovarinFacade> facade = makeFacade();
-    std::vector<sp<RecordingStateListener>> listeners;
+// Handles count up from 0 and are never reused; unregistration goes by handle, so a stand-in
+// carrying one unregisters its listener (as the service passes them). Every change is delivered
+// once, in order, to the listeners registered then.
+TEST(StateChangeListeners, OneEventPerChangeInOrderToTheListenersRegistered) {
+    sp<TovarinFacade> facade = new TovarinFacade();
+    std::vector<sp<StateRecorder>> listeners;
     const int64_t before = systemTime(SYSTEM_TIME_REALTIME) / 1000000;
     for (int i = 0; i < 3; ++i) {
-        listeners.push_back(new RecordingStateListener());
+        listeners.push_back(stateRecorder());
         ASSERT_EQ(facade->registerStateChangeListener(listeners.back()), OK);
         EXPECT_EQ(listeners.back()->getHandle(), i);
+        // Stamped in milliseconds of the wall clock.
         EXPECT_GE(listeners.back()->getRegistrationTimestamp(), before);
+        EXPECT_LE(listeners.back()->getRegistrationTimestamp(), before + 10000);
     }
-    // Handles are never reused, even after an unregistration.
-    facade->unregisterStateChangeListener(listeners[2]);
-    sp<RecordingStateListener> late = new RecordingStateListener();
-    ASSERT_EQ(facade->registerStateChangeListener(late), OK);
-    EXPECT_EQ(late->getHandle(), 3);
-    EXPECT_EQ(facade->getStateChangeListenerCount(), 3u);
-    EXPECT_EQ(facade->registerStateChangeListener(nullptr), BAD_VALUE);
-    EXPECT_EQ(facade->registerRawDataListener(nullptr), BAD_VALUE);
-}
+    sp<StateRecorder> standIn = stateRecorder();
+    standIn->setHandle(listeners[1]->getHandle());
+    for (const sp<StateRecorder>& gone : {standIn, listeners[2], listeners[2]}) {
+        facade->unregisterStateChangeListener(gone);
+    }
+    standIn->setHandle(57);
+    facade->unregisterStateChangeListener(standIn);
+    facade->unregisterStateChangeListener(nullptr);
+    EXPECT_EQ(facade->getStateChangeListenerCount(), 1u);
+    listeners.push_back(stateRecorder());
+    ASSERT_EQ(facade->registerStateChangeListener(listeners.back()), OK);
+    EXPECT_EQ(listeners.back()->getHandle(), 3);
 
-TEST(StateChangeListeners, OneEventPerChangeInOrderFromOneThread) {
-    sp<TovarinFacade> facade = makeFacade();
-    sp<RecordingStateListener> listener = new RecordingStateListener();
-    ASSERT_EQ(facade->registerStateChangeListener(listener), OK);
-
-    HeadTrackerHandle a = facade->getHeadTrackerHandle();  // no change: still idle
-    HeadTrackerHandle b = facade->getHeadTrackerHandle();
+    const HeadTrackerHandle a = facade->getHeadTrackerHandle();  // no change: still idle
+    const HeadTrackerHandle b = facade->getHeadTrackerHandle();
     ASSERT_EQ(facade->start(a), OK);      // 1: active
     ASSERT_EQ(facade->start(b), OK);      // still active: no event
     ASSERT_EQ(facade->start(a), OK);      // no change
@@ -443,294 +320,172 @@ TEST(StateChangeListeners, OneEventPerChangeInOrderFromOneThread) {
     facade->setEnabledState(5);           // already enabled: no event
     facade->setEnabledState(0);           // 3: disabled
     facade->setEnabledState(0);           // no change
-    EXPECT_FALSE(facade->getEnabled());
     facade->setEnabledState(1);           // 4: enabled
     ASSERT_EQ(facade->start(a), OK);      // 5: active
     facade->setEnabledState(0);           // 6: disabled, a parked in standby
     facade->releaseHeadTrackerHandle(a);  // 7: idle (still disabled)
     facade->setEnabledState(1);           // 8: enabled, idle
 
-    ASSERT_TRUE(facade->waitForStateChangeDelivery(5000));
-    expectEvents(listener->events(), {
-                                             {true, F::TRACKING_ACTIVE, F::AVAILABILITY_READY},
-                                             {true, F::TRACKING_STANDBY, F::AVAILABILITY_READY},
-                                             {false, F::TRACKING_STANDBY, F::AVAILABILITY_DISABLED},
-                                             {true, F::TRACKING_STANDBY, F::AVAILABILITY_READY},
-                                             {true, F::TRACKING_ACTIVE, F::AVAILABILITY_READY},
-                                             {false, F::TRACKING_STANDBY, F::AVAILABILITY_DISABLED},
-                                             {false, F::TRACKING_IDLE, F::AVAILABILITY_DISABLED},
-                                             {true, F::TRACKING_IDLE, F::AVAILABILITY_READY},
-                                     });
-    // The last event agrees with what the getters say now.
-    HeadTrackingState now = facade->getHeadTrackingState();
-    EXPECT_EQ(now.primary, F::TRACKING_IDLE);
-    EXPECT_EQ(now.secondary, F::AVAILABILITY_READY);
-
-    const auto threads = listener->threads();
-    for (const std::thread::id& id : threads) {
-        EXPECT_EQ(id, threads.front());
-        EXPECT_NE(id, std::this_thread::get_id());
+    ASSERT_TRUE(facade->waitForStateChangeDelivery(kDeadlineMs));
+    for (const sp<StateRecorder>& gone : {listeners[1], listeners[2], standIn}) {
+        EXPECT_TRUE(gone->heard().empty());
+    }
+    // Per event: enabled flag, tracking state (0 idle, 1 standby, 2 active), availability (0
+    // ready, 2 disabled); then the same for what the getters say now.
+    for (const sp<StateRecorder>& listener : {listeners[0], listeners[3]}) {
+        std::string seen;
+        const std::vector<StateChangeEvent> heard = listener->heard();
+        for (size_t i = 0; i < heard.size(); ++i) {
+            const StateChangeEvent& event = heard[i];
+            seen += std::to_string(event.flag) + std::to_string(event.state.primary) +
+                    std::to_string(event.state.secondary) + " ";
+            EXPECT_GE(event.timestamp, heard[i ? i - 1 : 0].timestamp) << i;
+        }
+        const HeadTrackingState now = facade->getHeadTrackingState();
+        seen += std::to_string(now.primary) + std::to_string(now.secondary);
+        EXPECT_EQ(seen, "120 110 012 110 120 012 002 100 00");
     }
 }
 
-TEST(StateChangeListeners, UnregisterFindsTheRegistrationByHandle) {
-    sp<TovarinFacade> facade = makeFacade();
-    sp<RecordingStateListener> first = new RecordingStateListener();
-    sp<RecordingStateListener> second = new RecordingStateListener();
-    ASSERT_EQ(facade->registerStateChangeListener(first), OK);
-    ASSERT_EQ(facade->registerStateChangeListener(second), OK);
-
-    // A stand-in that only carries the first listener's handle, as the service passes it.
-    sp<RecordingStateListener> standIn = new RecordingStateListener();
-    standIn->setHandle(first->getHandle());
-    facade->unregisterStateChangeListener(standIn);
-    // Unknown handles and never-registered objects are ignored.
-    sp<RecordingStateListener> stranger = new RecordingStateListener();
-    facade->unregisterStateChangeListener(stranger);
-    stranger->setHandle(57);
-    facade->unregisterStateChangeListener(stranger);
-    facade->unregisterStateChangeListener(nullptr);
-    EXPECT_EQ(facade->getStateChangeListenerCount(), 1u);
-
-    facade->setEnabledState(0);
-    ASSERT_TRUE(facade->waitForStateChangeDelivery(5000));
-    EXPECT_TRUE(first->events().empty());
-    EXPECT_TRUE(standIn->events().empty());
-    ASSERT_EQ(second->events().size(), 1u);
-    EXPECT_FALSE(second->events()[0].flag);
-
-    // Unregistering twice is harmless.
-    facade->unregisterStateChangeListener(second);
-    facade->unregisterStateChangeListener(second);
-    facade->setEnabledState(1);
-    ASSERT_TRUE(facade->waitForStateChangeDelivery(5000));
-    EXPECT_EQ(second->events().size(), 1u);
-    EXPECT_EQ(facade->getStateChangeListenerCount(), 0u);
-}
-
 TEST(StateChangeListeners, ListenerMayCallBackAndSlowListenersDoNotBlockCallers) {
-    sp<TovarinFacade> facade = makeFacade();
-    sp<RecordingStateListener> listener = new RecordingStateListener();
+    sp<TovarinFacade> facade = new TovarinFacade();
+    sp<StateRecorder> listener = stateRecorder();
     std::atomic<int> reentered{0};
     std::atomic<bool> release{false};
-    listener->onEventHook = [&](const StateChangeEvent& event) {
+    listener->hook = [&] {
         // Calls back into the facade from the delivery thread: must not deadlock.
-        EXPECT_EQ(facade->getEnabled(), facade->getEnabled());
+        facade->getEnabled();
         facade->getHeadTrackingState();
         facade->getHardwareState();
         ++reentered;
-        while (!release.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        (void)event;
+        waitUntil([&] { return release.load(); });
     };
     ASSERT_EQ(facade->registerStateChangeListener(listener), OK);
 
     const auto begin = std::chrono::steady_clock::now();
     for (int i = 0; i < 50; ++i) facade->setEnabledState(i % 2);  // 50 changes, listener stuck
-    HeadTrackerHandle handle = facade->getHeadTrackerHandle();
-    EXPECT_EQ(facade->start(handle), OK);
-    const auto elapsed = std::chrono::steady_clock::now() - begin;
-    EXPECT_LT(elapsed, std::chrono::milliseconds(500)) << "callers waited for the listener";
+    EXPECT_EQ(facade->start(facade->getHeadTrackerHandle()), OK);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(500))
+            << "callers waited for the listener";
 
     release = true;
-    ASSERT_TRUE(listener->waitForEvents(51));
-    ASSERT_TRUE(facade->waitForStateChangeDelivery(5000));
+    ASSERT_TRUE(listener->waitFor(51));
+    ASSERT_TRUE(facade->waitForStateChangeDelivery(kDeadlineMs));
     EXPECT_EQ(reentered.load(), 51);
-    const auto events = listener->events();
-    for (int i = 0; i < 50; ++i) EXPECT_EQ(events[i].flag, (i % 2) == 1) << "event " << i;
-}
+    const auto heard = listener->heard();
+    for (int i = 0; i < 50; ++i) EXPECT_EQ(heard[i].flag, (i % 2) == 1) << i;
 
-TEST(StateChangeListeners, NoCallbackAfterShutdown) {
-    sp<TovarinFacade> facade = makeFacade();
-    sp<RecordingStateListener> listener = new RecordingStateListener();
-    ASSERT_EQ(facade->registerStateChangeListener(listener), OK);
+    // After shutdown() no listener hears of anything, but the operations still work.
     facade->shutdown();
     facade->setEnabledState(0);
-    EXPECT_TRUE(facade->waitForStateChangeDelivery(100));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_TRUE(listener->events().empty());
-    EXPECT_FALSE(facade->getEnabled());  // the operations still work
-    facade->shutdown();                  // idempotent
+    EXPECT_TRUE(facade->waitForStateChangeDelivery(kDeadlineMs));
+    EXPECT_FALSE(facade->getEnabled());
+    facade->shutdown();  // idempotent
+    EXPECT_EQ(listener->heard().size(), 51u);
 }
 
-// Raw data listeners
-
-class RecordingRawListener : public RawDataListener {
-public:
-    struct Frame {
-        int64_t timestamp;
-        int64_t tag;
-        int32_t width;
-        int32_t height;
-        bool hasData;
-        uint64_t checksum;
-        size_t sensorSamples;
-        std::string text;
-        float orientationNorm;
-    };
-    void onEvent(const RawDataEvent& event) override {
-        const CameraFrameEvent& camera = event.cameraFrameEvent;
-        Frame frame{event.timestamp, camera.tag, camera.width, camera.height,
-                    camera.data != nullptr, 0, camera.sensorData.size(),
-                    event.headTrackingEvent0.text, 0.0f};
-        if (camera.data != nullptr) {
-            // Reads every byte: ASan reports a buffer shorter than width * height.
-            for (int32_t i = 0; i < camera.width * camera.height; ++i) {
-                frame.checksum = frame.checksum * 31 + camera.data[i];
-            }
-        }
-        for (float q : event.headLocation0.orientation) frame.orientationNorm += q * q;
-        std::lock_guard<std::mutex> lock(mLock);
-        mFrames.push_back(frame);
-        mCond.notify_all();
-    }
-    std::vector<Frame> frames() {
-        std::lock_guard<std::mutex> lock(mLock);
-        return mFrames;
-    }
-    bool waitForFrames(size_t count, int timeoutMs = 5000) {
-        std::unique_lock<std::mutex> lock(mLock);
-        return mCond.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                              [&] { return mFrames.size() >= count; });
-    }
-
-private:
-    std::mutex mLock;
-    std::condition_variable mCond;
-    std::vector<Frame> mFrames;
+struct Frame {
+    int64_t timestamp;
+    int64_t tag;
+    uint64_t checksum;
 };
+using RawRecorder = Recorder<RawDataListener, RawDataEvent, Frame>;
 
-TEST(RawDataListeners, FramesOfAMovingSceneAtTheConfiguredRate) {
-    F::Options options;
-    options.rawFrameRateHz = 50;
-    sp<TovarinFacade> facade = makeFacade(options);
-    EXPECT_EQ(facade->getHardwareState(), F::HARDWARE_IDLE);
-    sp<RecordingRawListener> listener = new RecordingRawListener();
-    ASSERT_EQ(facade->registerRawDataListener(listener), OK);
-    EXPECT_EQ(listener->getHandle(), 0);
-    EXPECT_EQ(facade->getHardwareState(), F::HARDWARE_STREAMING);
-
-    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
-    facade->unregisterRawDataListener(listener);
-    const auto frames = listener->frames();
-    // 50 per second; generous bounds for a loaded machine and sanitizers.
-    EXPECT_GE(frames.size(), 10u);
-    EXPECT_LE(frames.size(), 60u);
-    ASSERT_GE(frames.size(), 2u);
-    for (size_t i = 0; i < frames.size(); ++i) {
-        EXPECT_EQ(frames[i].width, 640);
-        EXPECT_EQ(frames[i].height, 480);
-        EXPECT_TRUE(frames[i].hasData);
-        EXPECT_EQ(frames[i].sensorSamples, 1u);
-        EXPECT_EQ(frames[i].text, "simulated");
-        EXPECT_NEAR(frames[i].orientationNorm, 1.0f, 1e-3f);
-        if (i > 0) {
-            EXPECT_EQ(frames[i].tag, frames[i - 1].tag + 1);
-            EXPECT_GT(frames[i].timestamp, frames[i - 1].timestamp);
-            EXPECT_NE(frames[i].checksum, frames[i - 1].checksum) << "the scene stands still";
+// Checks each frame as it comes and keeps what later frames are compared with.
+sp<RawRecorder> rawRecorder() {
+    return new RawRecorder([](const RawDataEvent& event) {
+        const CameraFrameEvent& camera = event.cameraFrameEvent;
+        EXPECT_EQ(camera.width, 640);
+        EXPECT_EQ(camera.height, 480);
+        EXPECT_EQ(camera.sensorData.size(), 1u);
+        EXPECT_STREQ(event.headTrackingEvent0.text, "simulated");
+        float norm = 0.0f;
+        for (float q : event.headLocation0.orientation) norm += q * q;
+        EXPECT_NEAR(norm, 1.0f, 1e-3f);
+        // Reads every byte: ASan reports a buffer shorter than width * height.
+        Frame frame{event.timestamp, camera.tag, 0};
+        for (int32_t i = 0; camera.data != nullptr && i < camera.width * camera.height; ++i) {
+            frame.checksum = frame.checksum * 31 + camera.data[i];
         }
-    }
-    // After unregistration at most the frame already on its way arrives, then nothing.
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    const size_t settled = listener->frames().size();
-    EXPECT_LE(settled, frames.size() + 1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(listener->frames().size(), settled);
-    EXPECT_EQ(facade->getHardwareState(), F::HARDWARE_IDLE);
+        return frame;
+    });
 }
 
-TEST(RawDataListeners, RateChangesUnregisterByHandleAndDisabledMeansNoFrames) {
-    F::Options options;
-    options.rawFrameRateHz = 0.5;  // one frame every two seconds
-    sp<TovarinFacade> facade = makeFacade(options);
-    sp<RecordingRawListener> first = new RecordingRawListener();
-    sp<RecordingRawListener> second = new RecordingRawListener();
-    ASSERT_EQ(facade->registerRawDataListener(first), OK);
-    ASSERT_EQ(facade->registerRawDataListener(second), OK);
-    EXPECT_EQ(second->getHandle(), 1);
-    ASSERT_TRUE(first->waitForFrames(1));
-
-    // A faster rate takes effect at once, not after the current two-second period.
-    EXPECT_EQ(facade->setRawFrameRate(0), BAD_VALUE);
-    EXPECT_EQ(facade->setRawFrameRate(1000), BAD_VALUE);
-    EXPECT_EQ(facade->setRawFrameRate(NAN), BAD_VALUE);
-    ASSERT_EQ(facade->setRawFrameRate(100), OK);
-    EXPECT_EQ(facade->getRawFrameRate(), 100);
-    EXPECT_TRUE(first->waitForFrames(5, 1500));
-
-    sp<RecordingRawListener> standIn = new RecordingRawListener();
-    standIn->setHandle(first->getHandle());
-    facade->unregisterRawDataListener(standIn);
-    EXPECT_EQ(facade->getRawDataListenerCount(), 1u);
-    const size_t firstCount = first->frames().size();
-    ASSERT_TRUE(second->waitForFrames(second->frames().size() + 3));
-    EXPECT_LE(first->frames().size(), firstCount + 1);  // at most one already on its way
-
-    facade->setEnabledState(0);
-    EXPECT_EQ(facade->getHardwareState(), F::HARDWARE_OFF);
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    const size_t secondCount = second->frames().size();
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_EQ(second->frames().size(), secondCount);
-    facade->setEnabledState(1);
-    EXPECT_TRUE(second->waitForFrames(secondCount + 2));
-}
-
-TEST(RawDataListeners, DestructionStopsDeliveryCleanly) {
-    sp<RecordingRawListener> listener = new RecordingRawListener();
+TEST(RawDataListeners, FramesAtTheRateUntilUnregisteredDisabledOrDestroyed) {
+    sp<RawRecorder> first = rawRecorder();
+    sp<RawRecorder> second = rawRecorder();
     {
-        F::Options options;
-        options.rawFrameRateHz = 200;
-        sp<TovarinFacade> facade = makeFacade(options);
-        ASSERT_EQ(facade->registerRawDataListener(listener), OK);
-        ASSERT_TRUE(listener->waitForFrames(3));
+        sp<TovarinFacade> facade = new TovarinFacade();
+        for (double hz : {0.0, 0.09, 240.1, double(NAN), 240.0}) {
+            EXPECT_EQ(facade->setRawFrameRate(hz), hz == 240.0 ? OK : BAD_VALUE) << hz;
+        }
+        ASSERT_EQ(facade->setRawFrameRate(0.1), OK);  // one frame every ten seconds
+        EXPECT_EQ(facade->getHardwareState(), F::HARDWARE_IDLE);
+        ASSERT_EQ(facade->registerRawDataListener(first), OK);
+        ASSERT_EQ(facade->registerRawDataListener(second), OK);
+        EXPECT_EQ(facade->getHardwareState(), F::HARDWARE_STREAMING);
+        ASSERT_TRUE(first->waitFor(1));
+
+        // A faster rate takes effect at once, not after the current ten-second period.
+        ASSERT_EQ(facade->setRawFrameRate(100), OK);
+        EXPECT_TRUE(first->waitFor(9, 1500));
+
+        // A stand-in carrying the handle unregisters; at most the frame on its way still comes.
+        sp<RawRecorder> standIn = rawRecorder();
+        standIn->setHandle(first->getHandle());
+        facade->unregisterRawDataListener(standIn);
+        const size_t firstCount = first->heard().size();
+        ASSERT_TRUE(second->waitFor(second->heard().size() + 3));
+        EXPECT_LE(first->heard().size(), firstCount + 1);
+
+        // Nothing flows while disabled; with no frame to wait for, watch for five periods.
+        facade->setEnabledState(0);
+        EXPECT_EQ(facade->getHardwareState(), F::HARDWARE_OFF);
+        const size_t secondCount = second->heard().size();
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_LE(second->heard().size(), secondCount + 1);
+        facade->setEnabledState(1);
+        EXPECT_TRUE(second->waitFor(secondCount + 3));
     }
-    const size_t count = listener->frames().size();
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(listener->frames().size(), count);
-    // The facade let go of the listener.
-    EXPECT_EQ(listener->getStrongCount(), 1);
+    // Destroying the facade stopped delivery and let go of the listeners.
+    EXPECT_EQ(second->getStrongCount(), 1);
+    const auto frames = first->heard();
+    for (size_t i = 1; i < frames.size(); ++i) {
+        EXPECT_EQ(frames[i].tag, frames[i - 1].tag + 1) << i;
+        EXPECT_GT(frames[i].timestamp, frames[i - 1].timestamp) << i;
+        EXPECT_NE(frames[i].checksum, frames[i - 1].checksum) << i << ": the scene stands still";
+    }
+    // At 100 a second each frame waits out its period from when the previous one began (a
+    // period of slack for the clock reads of the first).
+    EXPECT_GE(frames.back().timestamp - frames[1].timestamp, int64_t(frames.size() - 3) * 10000000)
+            << "faster than 100 frames a second";
 }
 
+// Each listener holds the only reference to its facade and lets go of it in a callback, so the
+// facade is destroyed on its own delivery thread. ASan reports any later use.
 TEST(RawDataListeners, ListenersMayDropTheLastReferenceToTheFacade) {
-    // Each listener holds the only reference to its facade and lets go of it in a callback, so
-    // the facade is destroyed on its own delivery thread. ASan reports any later use.
-    static std::atomic<bool> sRelease;
-    sRelease = false;
-    class Owning : public RecordingRawListener {
-    public:
-        sp<TovarinFacade> facade;
-        void onEvent(const RawDataEvent& event) override {
-            RecordingRawListener::onEvent(event);
-            while (!sRelease.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            facade.clear();
-        }
+    std::atomic<bool> release{false};
+    std::atomic<int> dropped{0};
+    sp<TovarinFacade> rawOwner = new TovarinFacade();
+    sp<TovarinFacade> stateOwner = new TovarinFacade();
+    sp<RawRecorder> raw = rawRecorder();
+    sp<StateRecorder> state = stateRecorder();
+    auto dropOnRelease = [&](sp<TovarinFacade>* owner) {
+        return [&, owner] {
+            waitUntil([&] { return release.load(); });
+            owner->clear();
+            ++dropped;
+        };
     };
-    class OwningState : public RecordingStateListener {
-    public:
-        sp<TovarinFacade> facade;
-        void onEvent(const StateChangeEvent& event) override {
-            RecordingStateListener::onEvent(event);
-            while (!sRelease.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            facade.clear();
-        }
-    };
-    sp<Owning> raw = new Owning();
-    sp<OwningState> state = new OwningState();
-    {
-        sp<TovarinFacade> facade = makeFacade();
-        raw->facade = facade;
-        ASSERT_EQ(facade->registerRawDataListener(raw), OK);
-        sp<TovarinFacade> other = makeFacade();
-        state->facade = other;
-        ASSERT_EQ(other->registerStateChangeListener(state), OK);
-        other->setEnabledState(0);
-        ASSERT_TRUE(raw->waitForFrames(1));
-        ASSERT_TRUE(state->waitForEvents(1));
-    }
-    sRelease = true;  // both callbacks now drop the last references
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(raw->frames().size(), 1u);
-    EXPECT_EQ(state->events().size(), 1u);
+    raw->hook = dropOnRelease(&rawOwner);
+    state->hook = dropOnRelease(&stateOwner);
+    ASSERT_EQ(rawOwner->registerRawDataListener(raw), OK);
+    ASSERT_EQ(stateOwner->registerStateChangeListener(state), OK);
+    stateOwner->setEnabledState(0);
+    ASSERT_TRUE(raw->waitFor(1));
+    ASSERT_TRUE(state->waitFor(1));
+    release = true;  // both callbacks now drop the last references
+    ASSERT_TRUE(waitUntil([&] { return dropped.load() == 2; }));
 }
 
 }  // namespace

@@ -1,9 +1,11 @@
 // TovarinLogger thresholds (TOVARIN_LOG syntax, the global verbosity limit) and the log writer
 // with its capture.
 
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,177 +22,123 @@ class TovarinLoggerTest : public testing::Test {
 protected:
     void SetUp() override {
         unsetenv("TOVARIN_LOG");
-        TovarinLogger::getInstance()->reset();
+        logger->reset();
     }
-    void TearDown() override {
-        unsetenv("TOVARIN_LOG");
-        TovarinLogger::getInstance()->reset();
+    void TearDown() override { SetUp(); }
+    // The lowest level `tag` logs at: the one below is refused.
+    int lowestLogged(const char* tag) {
+        for (int level = 1; level <= 9; ++level) {
+            if (logger->shouldLog(tag, level)) return level;
+        }
+        return -1;
     }
+    TovarinLogger* const logger = TovarinLogger::getInstance();
 };
 
 TEST_F(TovarinLoggerTest, ThresholdsPerTag) {
-    struct Case {
-        const char* spec;
-        const char* tag;  // may be null
-        int level;
-        bool logged;
-    };
-    const Case cases[] = {
+    // A TOVARIN_LOG setting, then each tag ("-" for none) with the lowest level it logs at.
+    const std::pair<const char*, const char*> cases[] = {
             // No configuration: info and above, for every tag and for no tag.
-            {"", "Any", 3, false},
-            {"", "Any", 4, true},
-            {"", nullptr, 4, true},
-            {"", nullptr, 3, false},
-            // Per-tag entries override "*" for their tag only.
-            {"*:I,TovarinPermission:D", "TovarinPermission", 3, true},
-            {"*:I,TovarinPermission:D", "TovarinPermission", 2, false},
-            {"*:I,TovarinPermission:D", "TovarinServiceImpl", 3, false},
-            {"*:I,TovarinPermission:D", "TovarinServiceImpl", 4, true},
-            {"*:E,TovarinBnTovarinService:W", "TovarinBnTovarinService", 4, false},
-            {"*:E,TovarinBnTovarinService:W", "TovarinBnTovarinService", 5, true},
-            {"*:E,TovarinBnTovarinService:W", "Other", 5, false},
-            {"*:E,TovarinBnTovarinService:W", nullptr, 6, true},
-            // Tags are exact and case-sensitive; the prefix of a tag is another tag.
-            {"Tovarin:D", "TovarinPermission", 3, false},
-            {"tovarinpermission:D", "TovarinPermission", 3, false},
-            // Silence, numbers, a bare level, spaces, the last entry for a tag wins.
-            {"*:S", "Any", 7, false},
-            {"Loud:V,*:S", "Loud", 2, true},
-            {"*:v", "Any", 2, true},
-            {"*:f", "Any", 6, false},
-            {"*:F", "Any", 7, true},
-            {"*:X", "Any", 4, true},   // not a level: the default stays
-            {"*:1", "Any", 3, false},  // below verbose: not a level
-            {"*:DD", "Any", 3, false},
-            {"*:6", "Any", 5, false},
-            {"*:6", "Any", 6, true},
-            {"W", "Any", 5, true},
-            {"W", "Any", 4, false},
-            {" A : D , B:E ", "A", 3, true},
-            {" A : D , B:E ", "B", 5, false},
-            {"A:D,A:E", "A", 5, false},
-            // Malformed entries are skipped; the rest still apply.
-            {"A:Q,*:W,:D,B:", "A", 5, true},
-            {"A:Q,*:W,:D,B:", "A", 4, false},
-            {",,,*:D,,", "Any", 3, true},
+            {"", "Any 4 - 4"},
+            // Per-tag entries override "*" for their tag only; tags are exact and case-sensitive.
+            {"*:I,TovarinPermission:D", "TovarinPermission 3 TovarinServiceImpl 4"},
+            {"*:E,TovarinService:W", "TovarinService 5 - 6"},
+            {"Tovarin:D,tovarinpermission:D", "TovarinPermission 4"},
+            // Letters in either case, digits 2..8, a bare level, spaces; the last entry wins.
+            {"Loud:V,*:S", "Loud 2 Any 8"},
+            {"a:v,b:f,c:2,d:8", "a 2 b 7 c 2 d 8"},
+            {"W", "Any 5"},
+            {" A : D , B:E ", "A 3 B 6"},
+            {"A:D,A:E", "A 6"},
+            // Entries that are no levels or otherwise malformed are skipped; the rest apply.
+            {"a:X,b:1,c:9,d:DD", "a 4 b 4 c 4 d 4"},
+            {"A:Q,*:W,:D,B:", "A 5 B 5"},
+            {",,,*:D,,", "Any 3"},
     };
-    TovarinLogger* logger = TovarinLogger::getInstance();
-    for (const Case& c : cases) {
-        logger->configure(c.spec);
-        EXPECT_EQ(logger->shouldLog(c.tag, c.level), c.logged)
-                << "spec '" << c.spec << "' tag " << (c.tag ? c.tag : "(null)") << " level "
-                << c.level;
+    for (const auto& [setting, expected] : cases) {
+        logger->configure(setting);
+        std::istringstream tags(expected);
+        std::string tag;
+        for (int lowest; tags >> tag >> lowest;) {
+            EXPECT_EQ(lowestLogged(tag == "-" ? nullptr : tag.c_str()), lowest)
+                    << "setting '" << setting << "' tag " << tag;
+        }
     }
 }
 
-TEST_F(TovarinLoggerTest, EnvironmentIsReadOnReset) {
+TEST_F(TovarinLoggerTest, EnvironmentIsReadOnResetAndGlobalLimitComesOnTop) {
     setenv("TOVARIN_LOG", "*:W,Chatty:V", 1);
-    TovarinLogger* logger = TovarinLogger::getInstance();
     logger->reset();
-    EXPECT_TRUE(logger->shouldLog("Chatty", 2));
-    EXPECT_FALSE(logger->shouldLog("Other", 4));
-    EXPECT_TRUE(logger->shouldLog("Other", 5));
+    EXPECT_EQ(lowestLogged("Chatty"), 2);
+    EXPECT_EQ(lowestLogged("Other"), 5);
     // configure() replaces everything the environment said.
-    logger->configure("Other:D");
-    EXPECT_FALSE(logger->shouldLog("Chatty", 2));
-    EXPECT_TRUE(logger->shouldLog("Other", 3));
+    logger->configure("Quiet:E");
     EXPECT_EQ(logger->thresholdFor("Chatty"), TovarinLogger::kDefaultThreshold);
+    logger->configure("*:V,Quiet:E");
+
+    // The limit refuses more verbose lines, but never lets through what a tag refuses.
+    TovarinLogger::setGlobalMaxLevel(4);
+    EXPECT_EQ(lowestLogged("Any"), 4);
+    EXPECT_EQ(lowestLogged("Quiet"), 6);
+    TovarinLogger::setGlobalMaxLevel(2);  // 2 or less: no limit
+    EXPECT_EQ(lowestLogged("Any"), 2);
+    TovarinLogger::setGlobalMaxLevel(6);
+    logger->reset();  // drops the limit
+    EXPECT_EQ(lowestLogged("Chatty"), 2);
 }
 
-TEST_F(TovarinLoggerTest, GlobalMaxLevelRefusesMoreVerboseLines) {
-    TovarinLogger* logger = TovarinLogger::getInstance();
-    logger->configure("*:V,Quiet:E");
-    TovarinLogger::setGlobalMaxLevel(4);
-    EXPECT_FALSE(logger->shouldLog("Any", 3));
-    EXPECT_TRUE(logger->shouldLog("Any", 4));
-    EXPECT_TRUE(logger->shouldLog(nullptr, 5));
-    // The limit never lets through what a tag's threshold refuses.
-    EXPECT_FALSE(logger->shouldLog("Quiet", 5));
-    EXPECT_TRUE(logger->shouldLog("Quiet", 6));
-    // configure() keeps the limit; a limit of 2 or less removes it; reset() removes it.
-    logger->configure("*:V");
-    EXPECT_FALSE(logger->shouldLog("Any", 3));
-    TovarinLogger::setGlobalMaxLevel(0);
-    EXPECT_TRUE(logger->shouldLog("Any", 2));
-    TovarinLogger::setGlobalMaxLevel(6);
-    EXPECT_FALSE(logger->shouldLog("Any", 5));
-    logger->reset();
-    logger->configure("*:V");
-    EXPECT_TRUE(logger->shouldLog("Any", 2));
+std::string joined(const TovarinLogCapture& capture) {
+    std::string text;
+    for (const TovarinLogLine& line : capture.lines()) {
+        text += std::to_string(line.level) + " " + line.tag + ": " + line.text + "\n";
+    }
+    return text;
 }
 
 TEST_F(TovarinLoggerTest, CaptureRecordsLevelTagAndFormattedText) {
     int32_t moduleState = -1;
+    const std::string longText(3000, 'x');
     {
         TovarinLogCapture capture;
-        EXPECT_EQ(rendel_log_write2(4, &moduleState, 2, "TovarinTest", "%s(%d) - %s", "proc", 42,
-                                    "started"),
-                  18);
+        EXPECT_EQ(rendel_log_write2(4, &moduleState, 2, "Test", "%s(%d) - %s", "p", 42, "up"), 10);
         EXPECT_EQ(moduleState, 0);
         rendel_log_write2(6, &moduleState, 2, nullptr, "no tag %u", 7u);
-        rendel_log_write2(3, nullptr, 2, "TovarinTest", "percent %% and %.2f", 1.5);
-        const std::string longText(3000, 'x');
+        rendel_log_write2(3, nullptr, 2, "Test", "percent %% and %.2f", 1.5);
         rendel_log_write2(5, &moduleState, 2, "Long", "[%s]", longText.c_str());
-        // Out-of-range levels are still recorded as given.
+        // The writer does not filter (callers ask shouldLog() first); odd levels are kept.
+        logger->configure("*:S");
         rendel_log_write2(99, &moduleState, 2, "Odd", "odd");
-
-        const auto lines = capture.lines();
-        ASSERT_EQ(lines.size(), 5u);
-        EXPECT_EQ(lines[0].level, 4);
-        EXPECT_EQ(lines[0].tag, "TovarinTest");
-        EXPECT_EQ(lines[0].text, "proc(42) - started");
-        EXPECT_EQ(lines[1].level, 6);
-        EXPECT_EQ(lines[1].tag, "");
-        EXPECT_EQ(lines[1].text, "no tag 7");
-        EXPECT_EQ(lines[2].text, "percent % and 1.50");
-        EXPECT_EQ(lines[3].text, "[" + longText + "]");
-        EXPECT_EQ(lines[4].level, 99);
-
+        EXPECT_EQ(rendel_log_write2(4, &moduleState, 2, "Null", nullptr), -EINVAL);
+        EXPECT_EQ(joined(capture),
+                  "4 Test: p(42) - up\n6 : no tag 7\n3 Test: percent % and 1.50\n5 Long: [" +
+                          longText + "]\n99 Odd: odd\n");
         capture.clear();
-        EXPECT_TRUE(capture.lines().empty());
-        // The writer does not filter: callers ask shouldLog() first.
-        TovarinLogger::getInstance()->configure("*:S");
-        rendel_log_write2(2, &moduleState, 2, "Filtered", "still written");
-        ASSERT_EQ(capture.lines().size(), 1u);
-        EXPECT_EQ(capture.lines()[0].text, "still written");
+        EXPECT_EQ(joined(capture), "");
     }
-    // Nothing is recorded once the capture is gone; a new capture starts empty.
-    rendel_log_write2(4, &moduleState, 2, "After", "after");
-    TovarinLogCapture fresh;
-    EXPECT_TRUE(fresh.lines().empty());
 }
 
-TEST_F(TovarinLoggerTest, EveryLiveCaptureSeesEveryLineFromEveryThread) {
+TEST_F(TovarinLoggerTest, EveryLiveCaptureSeesEveryLineFromEveryThreadInOrder) {
     TovarinLogCapture outer;
-    constexpr int kThreads = 4;
-    constexpr int kLines = 100;
     {
         TovarinLogCapture inner;
         std::vector<std::thread> threads;
-        static int32_t sState = -1;
-        for (int t = 0; t < kThreads; ++t) {
+        for (int t = 0; t < 4; ++t) {
             threads.emplace_back([t] {
-                for (int i = 0; i < kLines; ++i) {
-                    rendel_log_write2(2, &sState, 2, "Threads", "thread %d line %d", t, i);
-                }
+                for (int i = 0; i < 100; ++i) rendel_log_write2(2, nullptr, 2, "T", "%d %d", t, i);
             });
         }
         for (std::thread& thread : threads) thread.join();
-        EXPECT_EQ(sState, 0);
-
-        const auto lines = inner.lines();
-        ASSERT_EQ(lines.size(), size_t(kThreads * kLines));
-        // Per thread, lines keep their order.
-        std::vector<int> next(kThreads, 0);
-        for (const TovarinLogLine& line : lines) {
-            int t = -1, i = -1;
-            ASSERT_EQ(sscanf(line.text.c_str(), "thread %d line %d", &t, &i), 2) << line.text;
-            ASSERT_GE(t, 0);
-            ASSERT_LT(t, kThreads);
-            EXPECT_EQ(i, next[t]++);
+        int next[4] = {};
+        for (const TovarinLogLine& line : inner.lines()) {
+            int t = 0, i = -1;
+            sscanf(line.text.c_str(), "%d %d", &t, &i);
+            EXPECT_EQ(i, next[t % 4]++) << line.text;
         }
+        EXPECT_EQ(next[0] + next[1] + next[2] + next[3], 400);
     }
-    EXPECT_EQ(outer.lines().size(), size_t(kThreads * kLines));
+    // The inner capture went away, the outer one still records.
+    rendel_log_write2(2, nullptr, 2, "T", "last");
+    EXPECT_EQ(outer.lines().size(), 401u);
 }
 
 }  // namespace

@@ -6,11 +6,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
+#include <hostbinder_test/Roles.h>
 
 #include <tovarin/Utils.h>
 
@@ -22,29 +21,25 @@ std::string nameOf(int pid) {
     return Utils::getProcessNameFromPID(pid).string();
 }
 
-TEST(ProcessName, OwnProcessIsTheFirstCommandLineArgument) {
+TEST(ProcessName, OfThisProcessOfAChildAfterExecAsAZombieAndOfNoProcess) {
+    const uint64_t before = Utils::processNameLookupCount();
     // program_invocation_name is argv[0] as this process was started.
     EXPECT_EQ(nameOf(getpid()), program_invocation_name);
-}
+    for (int pid : {0, -1, INT32_MAX, 4194305 /* above the largest pid_max */}) {
+        EXPECT_EQ(nameOf(pid), "unknown") << pid;
+    }
+    EXPECT_EQ(Utils::processNameLookupCount(), before + 5);
 
-TEST(ProcessName, ChildAfterExecIsItsNewProgram) {
-    pid_t child = fork();
+    const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         execl("/bin/sleep", "/bin/sleep", "30", "31", static_cast<char*>(nullptr));
         _exit(127);
     }
-    // Before the exec the child still carries our command line: wait for the change.
-    std::string name;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    do {
-        name = nameOf(child);
-        if (name == "/bin/sleep") break;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    } while (std::chrono::steady_clock::now() < deadline);
-    EXPECT_EQ(name, "/bin/sleep");  // only the first argument
-
+    // Before the exec the child still carries our command line; only the first argument counts.
+    EXPECT_TRUE(hostbinder_test::waitUntil([&] { return nameOf(child) == "/bin/sleep"; }))
+            << nameOf(child);
     kill(child, SIGKILL);
     // A zombie has an empty command line: its short name stands in.
     siginfo_t info = {};
@@ -54,19 +49,6 @@ TEST(ProcessName, ChildAfterExecIsItsNewProgram) {
     ASSERT_EQ(waitpid(child, &status, 0), child);
     // Reaped: the pid names no process any more (unless reused at once, which is unlikely).
     EXPECT_EQ(nameOf(child), Utils::kUnknownProcessName);
-}
-
-TEST(ProcessName, UnknownPidsGiveTheFixedText) {
-    for (int pid : {0, -1, -12345, INT32_MAX, 4194305 /* above the largest pid_max */}) {
-        EXPECT_EQ(nameOf(pid), "unknown") << pid;
-    }
-}
-
-TEST(ProcessName, LookupsAreCounted) {
-    const uint64_t before = Utils::processNameLookupCount();
-    nameOf(getpid());
-    nameOf(-1);
-    EXPECT_EQ(Utils::processNameLookupCount(), before + 2);
 }
 
 }  // namespace
