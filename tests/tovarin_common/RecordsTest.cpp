@@ -1,19 +1,79 @@
-// Records of the host common library: the defaults that carry a meaning. The order of the
-// listener classes' virtual operations is pinned by the service's ABI test.
+// Records of the host common library: field order and widths (binaries built against the
+// maker's own declarations depend on them), and the defaults that carry a meaning. The order
+// of the listener classes' virtual operations is pinned by the service's ABI test.
 
 #include <string.h>
 
 #include <new>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <utils/Timers.h>
 
 #include <tovarin/CameraFrameEvent.h>
+#include <tovarin/HeadTrackingTypes.h>
 #include <tovarin/RawDataEvent.h>
 
 namespace morvel {
 namespace tovarin {
 namespace {
+
+struct Field {
+    std::string name;
+    ptrdiff_t offset;
+    size_t size, expectedSize;
+};
+
+template <typename R, typename M>
+Field field(const R& record, const M& member, const char* name, size_t expectedSize) {
+    return {name, reinterpret_cast<const char*>(&member) - reinterpret_cast<const char*>(&record),
+            sizeof(M), expectedSize};
+}
+#define FIELD(record, member, size) field(record, record.member, #record "." #member, size)
+
+TEST(RecordLayout, FieldsInDeclaredOrderWithDeclaredWidths) {
+    const HeadTrackerHandle h;
+    const HeadTrackingConfiguration c;
+    const HeadTrackingEvent e;
+    const StateChangeEvent s;
+    const HeadLocation l;
+    const RawDataEvent r;
+    const CameraFrameEvent f;
+    const SensorData d;
+    const std::vector<std::vector<Field>> records = {
+            {FIELD(h, id, 4), FIELD(h, secondaryId, 4)},
+            {FIELD(c, fidelity, 4), FIELD(c, filter, 4), FIELD(c, debugString, sizeof(std::string))},
+            {FIELD(e, timestamp, 8), FIELD(e, component0, 4), FIELD(e, component1, 4),
+             FIELD(e, component2, 4), FIELD(e, flag0, 1), FIELD(e, flag1, 1), FIELD(e, scalar, 4),
+             FIELD(e, text, 256)},
+            {FIELD(s, timestamp, 8), FIELD(s, flag, 1), FIELD(s, state, 8)},
+            {FIELD(s.state, primary, 4), FIELD(s.state, secondary, 4)},
+            {FIELD(l, flag0, 1), FIELD(l, flag1, 1), FIELD(l, value, 4), FIELD(l, localIndex, 4),
+             FIELD(l, orientation, 16), FIELD(l, hasVector8, 1), FIELD(l, vector8, 32),
+             FIELD(l, hasVector27, 1), FIELD(l, vector27, 108)},
+            {FIELD(r, timestamp, 8), FIELD(r, cameraFrameEvent, sizeof(CameraFrameEvent)),
+             FIELD(r, headTrackingEvent0, sizeof(HeadTrackingEvent)),
+             FIELD(r, headTrackingEvent1, sizeof(HeadTrackingEvent)),
+             FIELD(r, headLocation0, sizeof(HeadLocation)),
+             FIELD(r, headLocation1, sizeof(HeadLocation))},
+            {FIELD(f, timestamp, 8), FIELD(f, tag, 8), FIELD(f, data, sizeof(void*)),
+             FIELD(f, width, 4), FIELD(f, height, 4), FIELD(f, settings, sizeof(CameraSettings)),
+             FIELD(f, sensorData, sizeof(std::vector<SensorData>))},
+            {FIELD(f.settings, settingsA, 28), FIELD(f.settings, settingsFlag, 1),
+             FIELD(f.settings, settingsB, 24)},
+            {FIELD(d, timestamp, 8), FIELD(d, tag, 8), FIELD(d, code, 4), FIELD(d, values, 12)},
+    };
+    for (const std::vector<Field>& fields : records) {
+        for (size_t i = 0; i < fields.size(); ++i) {
+            EXPECT_EQ(fields[i].expectedSize, fields[i].size) << fields[i].name;
+            if (i > 0) {
+                EXPECT_GT(fields[i].offset, fields[i - 1].offset) << fields[i].name;
+            }
+        }
+    }
+    EXPECT_EQ(sizeof(HeadTrackerHandle), 8u);
+}
 
 TEST(RecordDefaults, IdentityOrientationFrameClockAndZeroedSettings) {
     // A location nobody filled in: the identity quaternion (x, y, z, w), no local index.
