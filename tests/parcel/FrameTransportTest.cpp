@@ -8,22 +8,21 @@
 #include <IMemoryMap.h>
 #include <RawDataEventParceler.h>
 
-#include "FrameReport.h"
-
 #include <binder/Binder.h>
 #include <binder/IMemory.h>
+#include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/MemoryDealer.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
 #include <gtest/gtest.h>
-#include <hostbinder_test/Runtime.h>
+#include <hostbinder_test/Roles.h>
 
-#include <stdlib.h>
+#include <stdio.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -32,8 +31,73 @@ using namespace android;
 namespace morvel::tovarin::binder {
 namespace {
 
-using test::checksumOf;
-using test::FrameReport;
+enum : uint32_t {
+    kReadCameraFrame = 1,  // data: a CameraFrameEvent
+    kReadRawData = 2,      // data: a RawDataEvent
+};
+
+// What the receiver answers about each event it reads, sent as raw bytes.
+struct FrameReport {
+    int32_t height = 0;
+    int32_t sampleCount = 0;
+    uint64_t checksum = 0;    // of the pixels read, 0 without pixels
+    int64_t dataAddress = 0;  // where the receiver's copy lives (its parceler's buffer)
+    int64_t timestamp = 0;    // raw data only
+    int32_t openFds = 0;      // the receiver's open descriptors after reading
+};
+
+// FNV-1a over the pixels.
+uint64_t checksumOf(const unsigned char* data, size_t size) {
+    uint64_t hash = 1469598103934665603ull;
+    for (size_t i = 0; i < size; ++i) hash = (hash ^ data[i]) * 1099511628211ull;
+    return hash;
+}
+
+// Reads each event sent to it through one long-lived parceler and answers a FrameReport.
+class FrameReceiver : public BBinder {
+protected:
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
+        std::lock_guard<std::mutex> lock(mLock);
+        RawDataEvent event;  // a camera frame is read into its cameraFrameEvent
+        if (code == kReadCameraFrame) {
+            mCameraParceler.unparcel(event.cameraFrameEvent, data);
+        } else if (code == kReadRawData) {
+            mRawParceler.unparcel(event, data);
+        } else {
+            return BBinder::onTransact(code, data, reply, flags);
+        }
+        const CameraFrameEvent& frame = event.cameraFrameEvent;
+        FrameReport report;
+        report.height = frame.height;
+        report.sampleCount = static_cast<int32_t>(frame.sensorData.size());
+        if (frame.data != nullptr) {
+            report.checksum = checksumOf(frame.data, static_cast<size_t>(frame.width) *
+                                                             static_cast<size_t>(frame.height));
+        }
+        report.dataAddress = reinterpret_cast<intptr_t>(frame.data);
+        report.timestamp = event.timestamp;
+        report.openFds = hostbinder_test::openFdCount();
+        return reply->write(&report, sizeof(report));
+    }
+
+private:
+    std::mutex mLock;
+    CameraFrameEventParceler mCameraParceler;
+    RawDataEventParceler mRawParceler;
+};
+
+// args: the name to register the receiver under.
+TEST_ROLE(frame_receiver) {
+    if (defaultServiceManager()->addService(String16(args.at(0).c_str()), new FrameReceiver()) !=
+        OK) {
+        fprintf(stderr, "cannot register %s\n", args[0].c_str());
+        return 1;
+    }
+    ProcessState::self()->startThreadPool();
+    hostbinder_test::ready();
+    IPCThreadState::self()->joinThreadPool();
+    return 0;
+}
 
 constexpr int32_t kWidth = 640;
 constexpr int32_t kHeight = 480;
@@ -50,197 +114,110 @@ std::vector<unsigned char> framePixels(unsigned seed) {
 CameraFrameEvent frameWith(int64_t timestamp, std::vector<unsigned char>& pixels) {
     CameraFrameEvent frame;
     frame.timestamp = timestamp;
-    frame.tag = 5;
     frame.width = kWidth;
     frame.height = kHeight;
     frame.data = pixels.data();
-    frame.settings.settingsFlag = true;
     SensorData sample;
     sample.timestamp = timestamp - 1;
     frame.sensorData = {sample, sample};
     return frame;
 }
 
-class FrameTransportTest : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() {
-        sRuntime = new hostbinder_test::RuntimeInstance();
-        ProcessState::self()->startThreadPool();
+FrameReport send(const sp<IBinder>& receiver, uint32_t code, const Parcel& data) {
+    Parcel reply;
+    EXPECT_EQ(OK, receiver->transact(code, data, &reply));
+    FrameReport report;
+    EXPECT_EQ(OK, reply.read(&report, sizeof(report)));
+    return report;
+}
+
+FrameReport sendFrame(const sp<IBinder>& receiver, const CameraFrameEvent& frame) {
+    Parcel data;
+    CameraFrameEventParceler().parcel(frame, data);
+    return send(receiver, kReadCameraFrame, data);
+}
+
+// Two receiver processes. A raw data event, then a stream longer than the ring with each frame
+// sent to both, arrive through shared memory: one copy per frame in this process, one receive
+// buffer in each receiver and no descriptors left behind. Hostile frames are read without
+// pixels and leave that buffer to the next good frame.
+TEST(FrameTransportTest, FramesReachOtherProcessesThroughSharedMemory) {
+    hostbinder_test::RuntimeInstance runtime;
+    ProcessState::self()->startThreadPool();  // the receivers map our memory through us
+    std::unique_ptr<hostbinder_test::ChildProcess> processes[2];
+    sp<IBinder> receivers[2];
+    for (int r = 0; r < 2; ++r) {
+        const std::string name = "parcel.receiver." + std::to_string(r);
+        processes[r] = hostbinder_test::startRole("frame_receiver", {name});
+        ASSERT_TRUE(processes[r]);
+        receivers[r] = defaultServiceManager()->checkService(String16(name.c_str()));
+        ASSERT_NE(nullptr, receivers[r]);
     }
-    static void TearDownTestSuite() {
-        delete sRuntime;
-        sRuntime = nullptr;
-    }
-
-    void TearDown() override {
-        for (auto& receiver : mReceivers) {
-            receiver->kill(SIGKILL);
-            EXPECT_EQ(128 + SIGKILL, receiver->wait(5000)) << receiver->output();
-        }
-    }
-
-    // Starts a receiver process and returns its binder.
-    sp<IBinder> startReceiver(const std::string& name) {
-        const char* path = getenv("PARCEL_FRAME_RECEIVER");
-        if (path == nullptr) {
-            ADD_FAILURE() << "PARCEL_FRAME_RECEIVER not set";
-            return nullptr;
-        }
-        mReceivers.push_back(std::make_unique<hostbinder_test::ChildProcess>(
-                std::vector<std::string>{path, name}));
-        if (!mReceivers.back()->waitForOutput("ready", 10000)) {
-            ADD_FAILURE() << "receiver not ready: " << mReceivers.back()->output();
-            return nullptr;
-        }
-        return android::defaultServiceManager()->checkService(String16(name.c_str()));
-    }
-
-    static FrameReport send(const sp<IBinder>& receiver, uint32_t code, const Parcel& data) {
-        Parcel reply;
-        EXPECT_EQ(OK, receiver->transact(code, data, &reply));
-        FrameReport report;
-        EXPECT_EQ(OK, reply.read(&report, sizeof(report)));
-        return report;
-    }
-
-    static FrameReport sendFrame(const sp<IBinder>& receiver, const CameraFrameEvent& frame) {
-        Parcel data;
-        CameraFrameEventParceler().parcel(frame, data);
-        return send(receiver, test::kReadCameraFrame, data);
-    }
-
-    static hostbinder_test::RuntimeInstance* sRuntime;
-    std::vector<std::unique_ptr<hostbinder_test::ChildProcess>> mReceivers;
-};
-
-hostbinder_test::RuntimeInstance* FrameTransportTest::sRuntime = nullptr;
-
-TEST_F(FrameTransportTest, RawDataEventPixelsArriveThroughSharedMemory) {
-    const sp<IBinder> receiver = startReceiver("parcel.receiver.raw");
-    ASSERT_NE(nullptr, receiver);
-    std::vector<unsigned char> pixels = framePixels(1);
+    std::vector<unsigned char> pixels = framePixels(4);
     RawDataEvent event;
     event.timestamp = 777;
-    event.cameraFrameEvent = frameWith(1001, pixels);
-    strcpy(event.headTrackingEvent0.text, "from the service");
-    event.headLocation0.value = 12;
-    event.headLocation0.localIndex = 4;
+    event.cameraFrameEvent = frameWith(4000, pixels);
     Parcel data;
     RawDataEventParceler().parcel(event, data);
-    // The pixels are not in the parcel.
-    EXPECT_LT(data.dataSize(), 2048u);
+    EXPECT_LT(data.dataSize(), 2048u) << "the pixels are not in the parcel";
+    const FrameReport raw = send(receivers[1], kReadRawData, data);
+    EXPECT_EQ(checksumOf(pixels.data(), kArea), raw.checksum);
+    EXPECT_EQ(2, raw.sampleCount);
+    EXPECT_EQ(777, raw.timestamp);
 
-    const FrameReport report = send(receiver, test::kReadRawData, data);
-    EXPECT_EQ(1, report.hasData);
-    EXPECT_EQ(kWidth, report.width);
-    EXPECT_EQ(kHeight, report.height);
-    EXPECT_EQ(checksumOf(pixels.data(), kArea), report.checksum);
-    EXPECT_EQ(2, report.sampleCount);
-    EXPECT_EQ(777, report.timestamp);
-    EXPECT_EQ(12, report.locationValue);
-    EXPECT_EQ(-1, report.locationLocalIndex);
-    EXPECT_STREQ("from the service", report.text);
-}
-
-TEST_F(FrameTransportTest, FrameSentToSeveralReceiversIsCopiedOnce) {
-    std::vector<sp<IBinder>> receivers;
-    for (int i = 0; i < 3; ++i) {
-        receivers.push_back(startReceiver("parcel.receiver.fan" + std::to_string(i)));
-        ASSERT_NE(nullptr, receivers.back());
-    }
-    std::vector<unsigned char> pixels = framePixels(2);
-    const CameraFrameEvent frame = frameWith(2002, pixels);
-    std::vector<FrameReport> reports;
-    for (const sp<IBinder>& receiver : receivers) reports.push_back(sendFrame(receiver, frame));
-
-    for (const FrameReport& report : reports) {
-        EXPECT_EQ(1, report.hasData);
-        EXPECT_EQ(checksumOf(pixels.data(), kArea), report.checksum);
-        EXPECT_EQ(reports[0].memoryOffset, report.memoryOffset) << "another slot was used";
-    }
-    ASSERT_GE(reports[0].memoryOffset, 0);
-    // The slot still holds the frame and is not written again for the same frame.
-    std::vector<unsigned char> other = framePixels(3);
-    const sp<IMemory> slot = IMemoryMap::getInstance()->getMemoryWithData(2002, other.data());
-    ASSERT_NE(nullptr, slot);
-    EXPECT_EQ(reports[0].memoryOffset, static_cast<int64_t>(slot->offset()));
-    EXPECT_EQ(0, memcmp(pixels.data(), slot->pointer(), kArea));
-
-    // The next frame takes another slot.
-    const FrameReport next = sendFrame(receivers[0], frameWith(2003, other));
-    EXPECT_EQ(checksumOf(other.data(), kArea), next.checksum);
-    EXPECT_NE(reports[0].memoryOffset, next.memoryOffset);
-}
-
-TEST_F(FrameTransportTest, SteadyStreamReusesOneReceiveBuffer) {
-    const sp<IBinder> receiver = startReceiver("parcel.receiver.stream");
-    ASSERT_NE(nullptr, receiver);
-    int64_t firstAddress = 0;
-    int32_t firstFds = 0;
-    for (unsigned i = 0; i < 15; ++i) {  // more frames than slots: the ring wraps
+    FrameReport first[2];
+    for (int r = 0; r < 2; ++r) first[r] = sendFrame(receivers[r], frameWith(4000, pixels));
+    for (unsigned i = 1; i <= 12; ++i) {
         SCOPED_TRACE(i);
-        std::vector<unsigned char> pixels = framePixels(10 + i);
-        const FrameReport report = sendFrame(receiver, frameWith(3000 + i, pixels));
-        ASSERT_EQ(1, report.hasData);
-        EXPECT_EQ(checksumOf(pixels.data(), kArea), report.checksum);
-        if (i == 0) {
-            firstAddress = report.dataAddress;
-            firstFds = report.openFds;
+        std::vector<unsigned char> next = framePixels(10 + i);
+        for (int r = 0; r < 2; ++r) {
+            const FrameReport report = sendFrame(receivers[r], frameWith(4000 + i, next));
+            EXPECT_EQ(checksumOf(next.data(), kArea), report.checksum);
+            EXPECT_EQ(first[r].dataAddress, report.dataAddress);
+            EXPECT_EQ(first[r].openFds, report.openFds) << "the receiver holds on to frame memory";
         }
-        EXPECT_EQ(firstAddress, report.dataAddress);
-        EXPECT_EQ(firstFds, report.openFds) << "the receiver holds on to frame memory";
     }
-}
-
-TEST_F(FrameTransportTest, HostileFramesLeaveTheReceiverReadingTheRest) {
-    const sp<IBinder> receiver = startReceiver("parcel.receiver.hostile");
-    ASSERT_NE(nullptr, receiver);
-    std::vector<unsigned char> pixels = framePixels(4);
-    // A slot of the ring, legitimately holding a 640x480 frame.
-    const sp<IMemory> slot = IMemoryMap::getInstance()->getMemoryWithData(4004, pixels.data());
+    // The last frame is in the slot keyed by its timestamp, where the second send found it.
+    std::vector<unsigned char> other = framePixels(3);
+    const sp<IMemory> slot = IMemoryMap::getInstance()->getMemoryWithData(4012, other.data());
     ASSERT_NE(nullptr, slot);
+    EXPECT_EQ(0, memcmp(framePixels(22).data(), slot->pointer(), kArea));
+
     sp<MemoryDealer> dealer = new MemoryDealer(64 * 1024);
     const sp<IMemory> small = dealer->allocate(1000);
     ASSERT_NE(nullptr, small);
-
-    struct Case {
+    const struct {
         const char* name;
-        int32_t width;
         int32_t height;
         sp<IBinder> binder;
         int32_t sampleCount;
+    } hostile[] = {
+            {"foreign binder", kHeight, new BBinder(), 1},
+            {"memory smaller than the frame", kHeight, IInterface::asBinder(small), 1},
+            {"frame larger than the slot", kHeight + 1, IInterface::asBinder(slot), 1},
+            {"huge sample count", kHeight, new BBinder(), 0x7fffffff},
     };
-    const std::vector<Case> cases = {
-            {"foreign binder", kWidth, kHeight, new BBinder(), 1},
-            {"null binder", kWidth, kHeight, nullptr, 1},
-            {"memory smaller than the frame", kWidth, kHeight, IInterface::asBinder(small), 1},
-            {"frame larger than the slot", kWidth, kHeight + 1, IInterface::asBinder(slot), 1},
-            {"negative height", kWidth, -kHeight, IInterface::asBinder(slot), 1},
-            {"overflowing size", 1 << 16, 1 << 16, IInterface::asBinder(slot), 1},
-            {"huge sample count", kWidth, kHeight, new BBinder(), 0x7fffffff},
-    };
-    for (const Case& c : cases) {
+    for (const auto& c : hostile) {
         SCOPED_TRACE(c.name);
         Parcel data;
+        CameraFrameEventParceler writer;
         data.writeInt64(99);
         data.writeInt64(1);
-        data.writeInt32(c.width);
+        data.writeInt32(kWidth);
         data.writeInt32(c.height);
         data.writeInt32(1);
         data.writeStrongBinder(c.binder);
-        CameraFrameEventParceler writer;
         writer.parcelCameraSettings(CameraSettings(), data);
         data.writeInt32(c.sampleCount);
         writer.parcelSensorData(SensorData(), data);
-        const FrameReport report = send(receiver, test::kReadCameraFrame, data);
-        EXPECT_EQ(0, report.hasData);
+        const FrameReport report = send(receivers[0], kReadCameraFrame, data);
+        EXPECT_EQ(0u, report.checksum);
         EXPECT_EQ(c.height, report.height);
         EXPECT_EQ(1, report.sampleCount);
     }
-    // The receiver is still there and reads good frames.
-    const FrameReport good = sendFrame(receiver, frameWith(4005, pixels));
-    EXPECT_EQ(1, good.hasData);
+    const FrameReport good = sendFrame(receivers[0], frameWith(5000, pixels));
     EXPECT_EQ(checksumOf(pixels.data(), kArea), good.checksum);
+    EXPECT_EQ(first[0].dataAddress, good.dataAddress);
 }
 
 }  // namespace

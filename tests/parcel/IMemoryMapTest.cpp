@@ -1,8 +1,8 @@
-// The shared frame ring: slot sizing, key lookup, ring order, serialisation, failed slots.
+// The shared frame ring: slot sizing, key lookup, ring order, serialisation.
 //
-// The ring is a process-wide singleton sized once, so scenarios that need a fresh one run in a
-// child process of their own (EXPECT_EXIT with the re-executing death test style); the rest
-// share this process's ring, built at the default size.
+// The ring is a process-wide singleton sized once. The tests share this process's ring, built
+// at the default size (no setFilesize before its first use, keys used once); scenarios that
+// need a fresh ring are roles, each run in a process of its own.
 
 #include <CameraFrameEventParceler.h>
 #include <IMemoryMap.h>
@@ -10,6 +10,7 @@
 #include <binder/IMemory.h>
 #include <binder/Parcel.h>
 #include <gtest/gtest.h>
+#include <hostbinder_test/Roles.h>
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -42,36 +43,17 @@ bool holds(const sp<IMemory>& memory, const std::vector<unsigned char>& bytes) {
            memcmp(memory->pointer(), bytes.data(), bytes.size()) == 0;
 }
 
-// Keys no other test of this process has used.
-int64_t freshKey() {
-    static std::atomic<int64_t> next{1000};
-    return next++;
-}
+// In a role: fails it, naming the condition.
+#define CHECK_OR_FAIL(condition)                                   \
+    if (!(condition)) {                                            \
+        fprintf(stderr, "%d: failed: %s\n", __LINE__, #condition); \
+        return 1;                                                  \
+    }
 
-IMemoryMap* sharedRing() {
-    return IMemoryMap::getInstance();  // never preceded by setFilesize in this process
-}
-
-// Runs `scenario` in a child process with a fresh ring; the child reports failures on stderr.
-#define IN_FRESH_PROCESS(scenario)                                                    \
-    do {                                                                              \
-        GTEST_FLAG_SET(death_test_style, "threadsafe");                               \
-        EXPECT_EXIT(                                                                  \
-                {                                                                     \
-                    const char* failure = (scenario)();                               \
-                    if (failure != nullptr) fprintf(stderr, "FAILED: %s\n", failure); \
-                    _exit(failure == nullptr ? 0 : 1);                                \
-                },                                                                    \
-                ::testing::ExitedWithCode(0), "");                                    \
-    } while (0)
-
-#define CHECK_OR_RETURN(condition) \
-    if (!(condition)) return #condition
-
-TEST(IMemoryMapTest, DefaultSlotsAre320000BytesInOneHeapAndKeyedByTimestamp) {
-    const int64_t key = freshKey();
+TEST(IMemoryMapTest, DefaultSlotsShareOneHeapAreKeyedByTimestampAndKeepTheirSize) {
+    IMemoryMap* ring = IMemoryMap::getInstance();
     std::vector<unsigned char> data = pattern(1);
-    const sp<IMemory> memory = sharedRing()->getMemoryWithData(key, data.data());
+    const sp<IMemory> memory = ring->getMemoryWithData(1001, data.data());
     ASSERT_NE(nullptr, memory);
     EXPECT_EQ(kDefaultSlot, memory->size());
     ssize_t offset = -1;
@@ -85,18 +67,24 @@ TEST(IMemoryMapTest, DefaultSlotsAre320000BytesInOneHeapAndKeyedByTimestamp) {
 
     // The same key again is the same slot, not copied again.
     std::vector<unsigned char> changed = pattern(3);
-    EXPECT_EQ(memory, sharedRing()->getMemoryWithData(key, changed.data()));
+    EXPECT_EQ(memory, ring->getMemoryWithData(1001, changed.data()));
     EXPECT_TRUE(holds(memory, data));
+
+    // A later slot size changes neither the slots nor the length copied.
+    IMemoryMap::setFilesize(1000);
+    const sp<IMemory> later = ring->getMemoryWithData(1002, changed.data());
+    IMemoryMap::setFilesize(static_cast<int>(kDefaultSlot));
+    ASSERT_NE(nullptr, later);
+    EXPECT_EQ(kDefaultSlot, later->size());
+    EXPECT_TRUE(holds(later, changed));  // the last byte too
 }
 
 TEST(IMemoryMapTest, SeventhKeyReusesTheFirstSlotAndAnEvictedKeyIsCopiedAgain) {
     std::vector<sp<IMemory>> slots;
-    std::vector<int64_t> keys;
     std::vector<std::vector<unsigned char>> frames;
     for (int i = 0; i < 7; ++i) {
-        keys.push_back(freshKey());
         frames.push_back(pattern(10 + i));
-        slots.push_back(sharedRing()->getMemoryWithData(keys.back(), frames.back().data()));
+        slots.push_back(IMemoryMap::getInstance()->getMemoryWithData(1100 + i, frames[i].data()));
         ASSERT_NE(nullptr, slots.back());
     }
     EXPECT_EQ(6u, std::set<sp<IMemory>>(slots.begin(), slots.begin() + 6).size());
@@ -105,20 +93,9 @@ TEST(IMemoryMapTest, SeventhKeyReusesTheFirstSlotAndAnEvictedKeyIsCopiedAgain) {
 
     // The first key was overwritten: it is copied again, into the next slot of the ring.
     std::vector<unsigned char> again = pattern(30);
-    const sp<IMemory> reloaded = sharedRing()->getMemoryWithData(keys[0], again.data());
+    const sp<IMemory> reloaded = IMemoryMap::getInstance()->getMemoryWithData(1100, again.data());
     EXPECT_EQ(slots[1], reloaded);
     EXPECT_TRUE(holds(reloaded, again));
-}
-
-TEST(IMemoryMapTest, LaterSetFilesizeChangesNeitherSlotsNorCopyLength) {
-    sharedRing();
-    IMemoryMap::setFilesize(1000);
-    std::vector<unsigned char> data = pattern(40);
-    const sp<IMemory> memory = sharedRing()->getMemoryWithData(freshKey(), data.data());
-    ASSERT_NE(nullptr, memory);
-    EXPECT_EQ(kDefaultSlot, memory->size());
-    EXPECT_TRUE(holds(memory, data));  // the last byte too
-    IMemoryMap::setFilesize(static_cast<int>(kDefaultSlot));
 }
 
 // Releases its threads together, round after round.
@@ -152,8 +129,8 @@ TEST(IMemoryMapTest, ConcurrentWritersNeverShareASlot) {
     auto writer = [&](int t) {
         for (int round = 0; round < kRounds; ++round) {
             barrier.wait();
-            got[t] = sharedRing()->getMemoryWithData(2000000 + 2 * round + t,
-                                                     const_cast<unsigned char*>(frames[t].data()));
+            got[t] = IMemoryMap::getInstance()->getMemoryWithData(
+                    2000000 + 2 * round + t, const_cast<unsigned char*>(frames[t].data()));
             barrier.wait();
             if (t == 0 &&
                 (got[0] == got[1] || !holds(got[0], frames[0]) || !holds(got[1], frames[1]))) {
@@ -168,59 +145,20 @@ TEST(IMemoryMapTest, ConcurrentWritersNeverShareASlot) {
     EXPECT_EQ(0, failures);
 }
 
-TEST(IMemoryMapTest, FirstFrameFixesTheSlotSize) {
-    IN_FRESH_PROCESS([]() -> const char* {
-        IMemoryMap::setFilesize(4096);
-        IMemoryMap* ring = IMemoryMap::getInstance();
-        IMemoryMap::setFilesize(8192);
-        std::vector<unsigned char> data = pattern(1, 8192);
-        const sp<IMemory> memory = ring->getMemoryWithData(1, data.data());
-        CHECK_OR_RETURN(memory != nullptr);
-        CHECK_OR_RETURN(memory->size() == 4096);
-        CHECK_OR_RETURN(memcmp(memory->pointer(), data.data(), 4096) == 0);
-        return nullptr;
-    });
-}
-
-TEST(IMemoryMapTest, KeyZeroMatchesTheUntouchedFirstSlot) {
-    IN_FRESH_PROCESS([]() -> const char* {
-        IMemoryMap::setFilesize(4096);
-        IMemoryMap* ring = IMemoryMap::getInstance();
-        std::vector<unsigned char> data = pattern(2, 4096);
-        const sp<IMemory> zero = ring->getMemoryWithData(0, data.data());
-        CHECK_OR_RETURN(zero != nullptr);
-        const std::vector<unsigned char> zeros(4096, 0);
-        CHECK_OR_RETURN(memcmp(zero->pointer(), zeros.data(), 4096) == 0);
-        // Nothing was stored, so the ring still starts at the first slot.
-        const sp<IMemory> next = ring->getMemoryWithData(5, data.data());
-        CHECK_OR_RETURN(next == zero);
-        CHECK_OR_RETURN(memcmp(next->pointer(), data.data(), 4096) == 0);
-        return nullptr;
-    });
-}
-
-TEST(IMemoryMapTest, SlotsWithoutMemoryAreSentAsNullBinders) {
-    IN_FRESH_PROCESS([]() -> const char* {
-        // A ring built at no size has no heap and no slot memory.
-        unsigned char pixel = 1;
-        IMemoryMap::setFilesize(0);
-        CHECK_OR_RETURN(IMemoryMap::getInstance()->getMemoryWithData(77, &pixel, 1) == nullptr);
-        CameraFrameEvent frame;
-        frame.data = &pixel;
-        frame.width = 1;
-        frame.height = 1;
-        CameraFrameEventParceler writer;
-        Parcel parcel;
-        writer.parcel(frame, parcel);
-        CHECK_OR_RETURN(parcel.objectsCount() == 0);
-        parcel.setDataPosition(0);
-        CameraFrameEvent back;
-        back.data = &pixel;
-        CameraFrameEventParceler().unparcel(back, parcel);
-        CHECK_OR_RETURN(back.data == nullptr);
-        CHECK_OR_RETURN(parcel.dataAvail() == 0);
-        return nullptr;
-    });
+// Sized before its first use, the ring keeps that size; key 0, the key of every untouched slot,
+// finds the first slot empty and uses none up.
+TEST_ROLE(ring_sized_before_first_use) {
+    IMemoryMap::setFilesize(4096);
+    IMemoryMap* ring = IMemoryMap::getInstance();
+    IMemoryMap::setFilesize(8192);
+    std::vector<unsigned char> data = pattern(2, 8192);
+    const sp<IMemory> zero = ring->getMemoryWithData(0, data.data());
+    CHECK_OR_FAIL(zero != nullptr && zero->size() == 4096);
+    CHECK_OR_FAIL(holds(zero, std::vector<unsigned char>(4096, 0)));
+    const sp<IMemory> first = ring->getMemoryWithData(5, data.data());
+    CHECK_OR_FAIL(first == zero);
+    CHECK_OR_FAIL(holds(first, std::vector<unsigned char>(data.begin(), data.begin() + 4096)));
+    return 0;
 }
 
 // `size` bytes that end where an inaccessible page begins: reading one byte past them faults.
@@ -232,18 +170,19 @@ public:
         mBase = static_cast<unsigned char*>(mmap(nullptr, mMappedSize, PROT_READ | PROT_WRITE,
                                                  MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
         mprotect(mBase + mMappedSize - page, page, PROT_NONE);
+        mData = mBase + mMappedSize - page - size;
         const std::vector<unsigned char> bytes = pattern(seed, size);
-        memcpy(data(), bytes.data(), size);
+        memcpy(mData, bytes.data(), size);
     }
     ~GuardedFrame() { munmap(mBase, mMappedSize); }
-    unsigned char* data() const { return mBase + mMappedSize - pageSize() - mSize; }
-    std::vector<unsigned char> bytes() const { return {data(), data() + mSize}; }
+    unsigned char* data() const { return mData; }
+    std::vector<unsigned char> bytes() const { return {mData, mData + mSize}; }
 
 private:
-    static size_t pageSize() { return static_cast<size_t>(sysconf(_SC_PAGESIZE)); }
     size_t mSize;
     size_t mMappedSize;
     unsigned char* mBase;
+    unsigned char* mData;
 };
 
 // Writes a frame of `width` x `height` with `pixels` and reads it back: the pixels received
@@ -266,7 +205,7 @@ Received roundTrip(int64_t timestamp, int32_t width, int32_t height, unsigned ch
     if (slot != nullptr) received.slotSize = slot->size();
     parcel.setDataPosition(0);
     CameraFrameEvent back;
-    CameraFrameEventParceler reader;
+    CameraFrameEventParceler reader;  // owns the pixels read
     reader.unparcel(back, parcel);
     if (back.data != nullptr) {
         received.pixels.assign(back.data, back.data + static_cast<size_t>(width) * height);
@@ -276,47 +215,53 @@ Received roundTrip(int64_t timestamp, int32_t width, int32_t height, unsigned ch
 
 // A smaller frame than the slot is copied at its own size, from a buffer of exactly that size;
 // a larger one leaves without pixels.
-const char* writeSmallerAndLargerFrames() {
+TEST_ROLE(writer_reads_no_more_than_the_frame) {
     const GuardedFrame first(64 * 64, 1), smaller(10 * 10, 2), larger(100 * 100, 3);
     const Received a = roundTrip(1, 64, 64, first.data());
-    CHECK_OR_RETURN(a.slotSize == 64 * 64 && a.pixels == first.bytes());
+    CHECK_OR_FAIL(a.slotSize == 64 * 64 && a.pixels == first.bytes());
     const Received b = roundTrip(2, 10, 10, smaller.data());
-    CHECK_OR_RETURN(b.slotSize == 64 * 64 && b.pixels == smaller.bytes());
+    CHECK_OR_FAIL(b.slotSize == 64 * 64 && b.pixels == smaller.bytes());
     const Received c = roundTrip(3, 100, 100, larger.data());
-    CHECK_OR_RETURN(c.slotSize == 0 && c.pixels.empty());
+    CHECK_OR_FAIL(c.slotSize == 0 && c.pixels.empty());
     const Received d = roundTrip(4, 64, 64, first.data());
-    CHECK_OR_RETURN(d.pixels == first.bytes());
-    return nullptr;
+    CHECK_OR_FAIL(d.pixels == first.bytes());
+    return 0;
 }
 
-TEST(IMemoryMapTest, WriterReadsNoMoreThanTheFrame) {
-    IN_FRESH_PROCESS(writeSmallerAndLargerFrames);
-}
-
-// A first frame whose size is not positive or overflows sends no pixels and leaves the slot
-// size to the first frame that has one.
-struct FrameSize {
-    int32_t width;
-    int32_t height;
-};
-FrameSize sFirstFrame;
-
-const char* writeFirstFrameThenAUsableOne() {
+// args: width height of a first frame whose size is not positive or overflows. It sends no
+// pixels and leaves the slot size to the first frame that has one.
+TEST_ROLE(first_frame_without_a_usable_size) {
     const GuardedFrame tiny(1, 4), frame(32 * 32, 5);
-    const Received first = roundTrip(1, sFirstFrame.width, sFirstFrame.height, tiny.data());
-    CHECK_OR_RETURN(first.slotSize == 0 && first.pixels.empty());
+    const Received first =
+            roundTrip(1, atoi(args.at(0).c_str()), atoi(args.at(1).c_str()), tiny.data());
+    CHECK_OR_FAIL(first.slotSize == 0 && first.pixels.empty());
     const Received second = roundTrip(2, 32, 32, frame.data());
-    CHECK_OR_RETURN(second.slotSize == 32 * 32 && second.pixels == frame.bytes());
-    return nullptr;
+    CHECK_OR_FAIL(second.slotSize == 32 * 32 && second.pixels == frame.bytes());
+    return 0;
 }
 
-TEST(IMemoryMapTest, FirstFrameWithoutAUsableSizeDoesNotFixTheSlotSize) {
-    for (const FrameSize size :
-         {FrameSize{0, 5}, FrameSize{-3, 4}, FrameSize{-3, -4}, FrameSize{65536, 65536},
-          FrameSize{std::numeric_limits<int32_t>::max(), 2}}) {
-        SCOPED_TRACE(std::to_string(size.width) + "x" + std::to_string(size.height));
-        sFirstFrame = size;
-        IN_FRESH_PROCESS(writeFirstFrameThenAUsableOne);
+// The roles above, each on a fresh ring in a process of its own, all at once.
+TEST(IMemoryMapTest, ScenariosOnAFreshRing) {
+    const std::string maxInt = std::to_string(std::numeric_limits<int32_t>::max());
+    const std::vector<std::vector<std::string>> roles = {
+            {"ring_sized_before_first_use"},
+            {"writer_reads_no_more_than_the_frame"},
+            {"first_frame_without_a_usable_size", "0", "5"},
+            {"first_frame_without_a_usable_size", "-3", "4"},
+            {"first_frame_without_a_usable_size", "-3", "-4"},
+            {"first_frame_without_a_usable_size", "65536", "65537"},
+            {"first_frame_without_a_usable_size", maxInt, "2"},
+    };
+    std::vector<std::unique_ptr<hostbinder_test::ChildProcess>> children;
+    for (const auto& role : roles) {
+        children.push_back(hostbinder_test::startRole(role[0], {role.begin() + 1, role.end()},
+                                                      /*waitReady=*/false));
+    }
+    for (size_t i = 0; i < roles.size(); ++i) {
+        ASSERT_TRUE(children[i]);
+        EXPECT_EQ(0, children[i]->wait(hostbinder_test::kDeadlineMs))
+                << ::testing::PrintToString(roles[i]) << ":\n"
+                << children[i]->output();
     }
 }
 
