@@ -301,11 +301,8 @@ TEST_F(HostileTest, ForgedIdentityIsNeverBelieved) {
     mForgedPid = static_cast<uint32_t>(mService->pid());
     joinAndFindTheService();
     const std::vector<int32_t> self{getpid(), static_cast<int32_t>(getuid())};
-    Parcel ask;
-    ask.writeInt32(static_cast<int32_t>(mForgedPid));
-    ask.writeInt32(static_cast<int32_t>(mForgedUid));
     InboundFrame seen;
-    call(static_cast<int32_t>(mVictim.handle), hostbinder_ipc::kWhoCalls, ask, &seen);
+    call(static_cast<int32_t>(mVictim.handle), hostbinder_ipc::kWhoCalls, Parcel(), &seen);
     EXPECT_EQ(self, replyInts(seen));
 
     // Straight to the service's process, with the name the runtime gave for the object.

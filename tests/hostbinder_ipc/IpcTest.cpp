@@ -1,14 +1,15 @@
 // Multi-process behaviour of the hostbinder runtime. Each test starts its own runtime instance
-// and services in roles of this executable ("serve" is in TestService.cpp); this process is
-// their client.
+// and services in roles of this executable; this process is their client.
 #include "TestService.h"
 #include "WireProtocol.h"
 
+#include <binder/Binder.h>
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
 #include <hostbinder_test/Roles.h>
+#include <utils/String8.h>
 
 #include <gtest/gtest.h>
 
@@ -19,7 +20,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <future>
+#include <map>
 #include <mutex>
 #include <thread>
 
@@ -32,6 +35,137 @@ using hostbinder_test::startRole;
 using hostbinder_test::waitUntil;
 
 namespace {
+
+void say(const std::string& line) {
+    printf("%s\n", line.c_str());
+    fflush(stdout);
+}
+
+int32_t threadId() {
+    return static_cast<int32_t>(syscall(SYS_gettid));
+}
+
+class Tracked : public BBinder {
+public:
+    explicit Tracked(int id) : mId(id) {}
+    ~Tracked() override { say("destroyed " + std::to_string(mId)); }
+
+private:
+    int mId;
+};
+
+class TestService : public BBinder {
+public:
+    // Writes "dump:" and the arguments, space-separated.
+    status_t dump(int fd, const Vector<String16>& args) override {
+        std::string text = "dump:";
+        for (size_t i = 0; i < args.size(); i++)
+            text += std::string(" ") + String8(args[i]).string();
+        return dprintf(fd, "%s\n", text.c_str()) > 0 ? NO_ERROR : UNKNOWN_ERROR;
+    }
+
+protected:
+    status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
+        IPCThreadState* ipc = IPCThreadState::self();
+        std::unique_lock<std::mutex> lock(mLock);
+        switch (code) {
+            case kEcho:
+                return reply->writeInt32(data.readInt32());
+            case kWhoCalls:
+                reply->writeInt32(ipc->getCallingPid());
+                return reply->writeInt32(static_cast<int32_t>(ipc->getCallingUid()));
+            case kStore:
+                mStored = data.readStrongBinder();
+                return NO_ERROR;
+            case kGetStored:
+                return reply->writeStrongBinder(mStored);
+            case kIsStored: {
+                sp<IBinder> b = data.readStrongBinder();
+                return reply->writeInt32(b != nullptr && b == mStored ? 1 : 0);
+            }
+            case kOneway: {
+                const int32_t sender = data.readInt32();
+                const int32_t seq = data.readInt32();
+                mGateOpened.wait(lock, [this] { return !mGateClosed; });
+                mOnewayReceived++;
+                auto it = mLastSeq.find(sender);
+                if (seq != (it == mLastSeq.end() ? 0 : it->second + 1)) mOnewayOutOfOrder++;
+                mLastSeq[sender] = seq;
+                return NO_ERROR;
+            }
+            case kOnewayStats:
+                reply->writeInt32(mOnewayReceived);
+                return reply->writeInt32(mOnewayOutOfOrder);
+            case kGate:
+                mGateClosed = data.readInt32() != 0;
+                mGateOpened.notify_all();
+                return NO_ERROR;
+            case kBounce: {
+                lock.unlock();
+                sp<IBinder> peer = data.readStrongBinder();
+                const int32_t depth = data.readInt32();
+                Parcel req, rep;
+                if (depth > 0) {
+                    req.writeStrongBinder(this);
+                    req.writeInt32(depth - 1);
+                    const status_t err = peer->transact(kBounce, req, &rep);
+                    if (err != NO_ERROR) return err;
+                }
+                reply->writeInt32(depth > 0 ? rep.readInt32() + 1 : 0);
+                reply->writeInt32(threadId());
+                while (rep.dataAvail() >= 4) reply->writeInt32(rep.readInt32());
+                return NO_ERROR;
+            }
+            case kReadFd: {
+                char buf[256] = {};
+                if (pread(data.readFileDescriptor(), buf, sizeof(buf) - 1, 0) < 0) return BAD_VALUE;
+                return reply->writeString16(String16(buf));
+            }
+            case kNewObject:
+                return reply->writeStrongBinder(new Tracked(mNextObject++));
+            case kSleep:
+                lock.unlock();
+                say("sleeping");
+                usleep(static_cast<useconds_t>(data.readInt32()) * 1000);
+                return NO_ERROR;
+            case kBlob: {
+                const std::vector<uint8_t> bytes(static_cast<size_t>(data.readInt32()), 0x5a);
+                return reply->write(bytes.data(), bytes.size());
+            }
+            case kCallerPermission: {
+                lock.unlock();
+                int32_t pid = 0, uid = 0;
+                reply->writeInt32(checkCallingPermission(data.readString16(), &pid, &uid) ? 1 : 0);
+                return reply->writeInt32(uid);
+            }
+            default:
+                return BBinder::onTransact(code, data, reply, flags);
+        }
+    }
+
+private:
+    std::mutex mLock;
+    std::condition_variable mGateOpened;
+    bool mGateClosed = false;
+    sp<IBinder> mStored;
+    std::map<int32_t, int32_t> mLastSeq;
+    int32_t mOnewayReceived = 0;
+    int32_t mOnewayOutOfOrder = 0;
+    int mNextObject = 0;
+};
+
+// serve NAME [MAXTHREADS]: publishes a TestService as NAME and serves until killed.
+TEST_ROLE(serve) {
+    if (args.size() > 1) ProcessState::self()->setThreadPoolMaxThreadCount(std::stoi(args[1]));
+    if (defaultServiceManager()->addService(String16(args.at(0).c_str()), new TestService) !=
+        NO_ERROR) {
+        return 1;
+    }
+    ProcessState::self()->startThreadPool();
+    hostbinder_test::ready();
+    IPCThreadState::self()->joinThreadPool();
+    return 0;
+}
 
 sp<IBinder> service(const std::string& name) {
     return defaultServiceManager()->checkService(String16(name.c_str()));
@@ -60,34 +194,28 @@ int64_t nowMs() {
             .count();
 }
 
-// Death recipients that write their index into one log, in the order they are told.
-class DeathLog {
-public:
-    sp<IBinder::DeathRecipient> recipient(int index) { return new Recipient(this, index); }
-    std::string text() {
-        std::lock_guard<std::mutex> l(mLock);
-        return mText;
-    }
+std::mutex gDeathLock;
+std::string gDeaths;  // the indexes of the death recipients told so far, in order
 
-private:
-    struct Recipient : IBinder::DeathRecipient {
-        Recipient(DeathLog* log, int index) : log(log), index(index) {}
-        void binderDied(const wp<IBinder>&) override {
-            std::lock_guard<std::mutex> l(log->mLock);
-            log->mText += std::to_string(index);
-        }
-        DeathLog* log;
-        int index;
-    };
-    std::mutex mLock;
-    std::string mText;
+struct Recipient : IBinder::DeathRecipient {
+    explicit Recipient(int index) : index(index) {}
+    void binderDied(const wp<IBinder>&) override {
+        std::lock_guard<std::mutex> l(gDeathLock);
+        gDeaths += std::to_string(index);
+    }
+    int index;
 };
+
+std::string deaths() {
+    std::lock_guard<std::mutex> l(gDeathLock);
+    return gDeaths;
+}
 
 // owner SERVICE: hands an object of its own to SERVICE, checks that it comes back as itself,
 // then serves it.
 TEST_ROLE(owner) {
     ProcessState::self()->startThreadPool();
-    sp<IBinder> mine = newTestService();
+    sp<IBinder> mine = new TestService;
     Parcel stored, back;
     if (call(service(args.at(0)), kStore, &stored, {}, mine) != NO_ERROR ||
         call(service(args[0]), kGetStored, &back) != NO_ERROR || back.readStrongBinder() != mine) {
@@ -139,10 +267,9 @@ TEST_ROLE(caller) {
 TEST_ROLE(watch) {
     ProcessState::self()->startThreadPool();
     sp<IBinder> victim = service(args.at(0));
-    DeathLog log;
     std::vector<sp<IBinder::DeathRecipient>> recipients;
     for (int i = 0; i < 6; i++) {
-        recipients.push_back(log.recipient(i));
+        recipients.push_back(new Recipient(i));
         if (victim == nullptr || victim->linkToDeath(recipients.back()) != NO_ERROR) return 1;
     }
     victim->unlinkToDeath(recipients[2]);
@@ -152,12 +279,12 @@ TEST_ROLE(watch) {
         pending = call(victim, kSleep, &reply, {20000});
     });
     hostbinder_test::ready();
-    waitUntil([&] { return log.text().size() == 5; });
+    waitUntil([] { return deaths().size() == 5; });
     const int64_t at = nowMs();
     caller.join();
     Parcel echo;
     const status_t relink = victim->linkToDeath(recipients[0]);
-    printf("died=%s pending=%d relink=%d call=%d listed=%d\nat=%lld\n", log.text().c_str(),
+    printf("died=%s pending=%d relink=%d call=%d listed=%d\nat=%lld\n", deaths().c_str(),
            pending.load(), relink, call(victim, kEcho, &echo, {1}), service(args[0]) != nullptr,
            static_cast<long long>(at));
     return 0;
@@ -185,14 +312,10 @@ TEST_ROLE(burst) {
 class IpcTest : public ::testing::Test {
 protected:
     // Every test's runtime grants perm.CAMERA to uid 4321.
-    void SetUp() override {
-        mRuntime = std::make_unique<RuntimeInstance>("4321 perm.CAMERA\n");
-        ProcessState::self()->startThreadPool();
-    }
+    void SetUp() override { mRuntime = std::make_unique<RuntimeInstance>("4321 perm.CAMERA\n"); }
 
-    std::unique_ptr<ChildProcess> serve(const std::string& name, const char* maxThreads = nullptr) {
-        auto child = startRole("serve", maxThreads ? std::vector<std::string>{name, maxThreads}
-                                                   : std::vector<std::string>{name});
+    std::unique_ptr<ChildProcess> serve(const std::string& name) {
+        auto child = startRole("serve", {name});
         EXPECT_TRUE(child);
         return child;
     }
@@ -295,9 +418,9 @@ TEST_F(IpcTest, OnewayFloodIntoAStalledReceiverIsDeliveredOrRefusedNeverLost) {
 }
 
 TEST_F(IpcTest, NestedCallsRunOnTheWaitingThread) {
-    auto bouncer = serve("bouncer", "0");  // a single pool thread
+    auto bouncer = startRole("serve", {"bouncer", "0"});  // a single pool thread
     Parcel reply;
-    ASSERT_EQ(NO_ERROR, call(service("bouncer"), kBounce, &reply, {5}, newTestService()));
+    ASSERT_EQ(NO_ERROR, call(service("bouncer"), kBounce, &reply, {5}, new TestService));
     // The hop count, then each hop's serving thread: the bouncer's, this one, the bouncer's...
     EXPECT_EQ(5, reply.readInt32());
     std::vector<int32_t> threads;
@@ -347,13 +470,13 @@ TEST_F(IpcTest, KilledProcessNotifiesInLinkOrderAndFailsItsCallers) {
     }
 }
 
-TEST_F(IpcTest, DescriptorsAndDumpsReachTheOtherProcess) {
+TEST_F(IpcTest, DescriptorsDumpsAndCallsUpToTheSizeLimitReachTheOtherProcess) {
     auto files = serve("files");
     sp<IBinder> target = service("files");
     ASSERT_NE(nullptr, target);
     const int file = memfd_create("fd-bytes", MFD_CLOEXEC);
     ASSERT_EQ(8, write(file, "fd-bytes", 8));
-    Parcel data, reply;
+    Parcel data, reply, echo;
     data.writeFileDescriptor(file, true);
     ASSERT_EQ(NO_ERROR, target->transact(kReadFd, data, &reply));
     EXPECT_EQ(String16("fd-bytes"), reply.readString16());
@@ -369,26 +492,22 @@ TEST_F(IpcTest, DescriptorsAndDumpsReachTheOtherProcess) {
     EXPECT_GT(read(pipeFds[0], text, sizeof(text) - 1), 0);
     close(pipeFds[0]);
     EXPECT_STREQ("dump: -a --verbose\n", text);
-}
 
-TEST_F(IpcTest, TransactionsOverTheLimitFailWithoutHarm) {
-    auto limits = serve("limits");
-    sp<IBinder> target = service("limits");
+    // Calls and replies up to the limit go; beyond it they fail, and nothing else does.
     const int32_t limit = static_cast<int32_t>(hostbinder::kMaxTransactionBytes);
     for (int32_t size : {limit, limit + 4}) {
         SCOPED_TRACE(size);
         const status_t expected = size > limit ? FAILED_TRANSACTION : NO_ERROR;
         const std::vector<uint8_t> bytes(static_cast<size_t>(size) - 4, 1);
-        Parcel data, reply, blob;
-        data.writeInt32(3);
-        data.write(bytes.data(), bytes.size());
-        EXPECT_EQ(expected, target->transact(kEcho, data, &reply));
+        Parcel big, bigReply, blob;
+        big.writeInt32(3);
+        big.write(bytes.data(), bytes.size());
+        EXPECT_EQ(expected, target->transact(kEcho, big, &bigReply));
         EXPECT_EQ(expected, call(target, kBlob, &blob, {size}));
         if (expected == NO_ERROR) {
             EXPECT_EQ(static_cast<size_t>(size), blob.dataSize());
         }
     }
-    Parcel echo;
     ASSERT_EQ(NO_ERROR, call(target, kEcho, &echo, {7}));
     EXPECT_EQ(7, echo.readInt32());
 }
@@ -405,11 +524,11 @@ TEST_F(IpcTest, ServiceManagerCodes) {
     EXPECT_LT(nowMs() - start, 1000);
     std::thread late([&] {
         usleep(300 * 1000);
-        manager->addService(String16("sm.late"), newTestService());
+        manager->addService(String16("sm.late"), new TestService);
     });
     EXPECT_NE(nullptr, manager->getService(String16("sm.late")));
     late.join();
-    sp<IBinder> mine = newTestService();
+    sp<IBinder> mine = new TestService;
     EXPECT_EQ(NO_ERROR, manager->addService(String16("sm.a"), mine));
     EXPECT_NE(NO_ERROR, manager->addService(String16("sm.b"), nullptr));
     EXPECT_EQ(mine, manager->checkService(String16("sm.a")));

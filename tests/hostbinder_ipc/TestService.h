@@ -1,6 +1,5 @@
 /*
- * The service the multi-process tests talk to: role "serve" publishes one, with one code per
- * behaviour under test.
+ * The codes the service of role "serve" answers: one per behaviour under test.
  */
 #pragma once
 
@@ -24,7 +23,5 @@ enum : uint32_t {
     kBlob,              // int32 size -> that many bytes
     kCallerPermission,  // String16 permission -> int32 granted to the caller, int32 its uid
 };
-
-android::sp<android::IBinder> newTestService();
 
 }  // namespace hostbinder_ipc
