@@ -272,7 +272,7 @@ TEST_ROLE(watch) {
         recipients.push_back(new Recipient(i));
         if (victim == nullptr || victim->linkToDeath(recipients.back()) != NO_ERROR) return 1;
     }
-    victim->unlinkToDeath(recipients[2]);
+    if (victim->unlinkToDeath(recipients[2]) != NO_ERROR) return 1;
     std::atomic<status_t> pending{NO_ERROR};
     std::thread caller([&] {
         Parcel reply;
