@@ -328,7 +328,15 @@ TEST_F(HostileTest, ForgedIdentityIsNeverBelieved) {
 TEST_F(HostileTest, DirectPeersBreakingTheProtocolLoseOnlyTheirConnection) {
     joinAndFindTheService();
     const std::string serviceFds = "/proc/" + std::to_string(mService->pid()) + "/fd";
-    const int fdsBefore = countEntries(serviceFds);
+    // The service's main thread joins its pool after it said it was ready: count once the
+    // count holds still.
+    int fdsBefore = -1;
+    ASSERT_TRUE(waitUntil([&] {
+        const int previous = fdsBefore;
+        usleep(50 * 1000);
+        fdsBefore = countEntries(serviceFds);
+        return fdsBefore == previous;
+    }));
     auto directCall = [&](uint64_t token, uint64_t parkId, uint32_t dataSize) {
         return frame(kFrameDirectCall, 0,
                      bytesOf(DirectCall{token, parkId, hostbinder_ipc::kEcho, 0, dataSize, 0}) +
