@@ -4,8 +4,8 @@
  *   "tools.echo" (descriptor "hostbinder.test.IEcho"): code 1 answers with the call's data after
  *       the interface token, byte for byte; code 2 fails with BAD_VALUE. Its dump writes
  *       "echo dump:" and the arguments, space-separated, on one line; "big" as first argument
- *       writes kBigDump bytes instead, "hang" writes nothing until its reader has gone, "fail"
- *       writes nothing and fails with BAD_VALUE.
+ *       writes kBigDump bytes instead, "hang" writes nothing until code 3 comes (or
+ *       kDeadlineMs passes), "fail" writes nothing and fails with BAD_VALUE.
  *   "tools.other": a plain binder with no descriptor and an empty dump.
  */
 #include "DumpsysTool.h"
@@ -21,10 +21,13 @@
 
 #include <gtest/gtest.h>
 
-#include <poll.h>
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -45,8 +48,9 @@ public:
         const std::string first = args.isEmpty() ? "" : String8(args[0]).string();
         if (first == "fail") return BAD_VALUE;
         if (first == "hang") {
-            pollfd gone{fd, 0, 0};  // POLLERR once nobody reads the pipe
-            poll(&gone, 1, hostbinder_test::kDeadlineMs);
+            std::unique_lock<std::mutex> lock(mLock);
+            mReleased.wait_for(lock, std::chrono::milliseconds(hostbinder_test::kDeadlineMs),
+                               [this] { return mReleasedFlag; });
             return NO_ERROR;
         }
         std::string text = "echo dump:";
@@ -65,8 +69,18 @@ protected:
             return reply->appendFrom(&data, start, data.dataSize() - start);
         }
         if (code == IBinder::FIRST_CALL_TRANSACTION + 1) return BAD_VALUE;
+        if (code == IBinder::FIRST_CALL_TRANSACTION + 2) {
+            std::lock_guard<std::mutex> lock(mLock);
+            mReleasedFlag = true;
+            mReleased.notify_all();
+        }
         return BBinder::onTransact(code, data, reply, flags);
     }
+
+private:
+    std::mutex mLock;
+    std::condition_variable mReleased;
+    bool mReleasedFlag = false;
 };
 
 TEST_ROLE(tools_services) {
@@ -81,20 +95,15 @@ TEST_ROLE(tools_services) {
     return 0;
 }
 
-hostbinder_test::RuntimeInstance* gRuntime = nullptr;
-hostbinder_test::ChildProcess* gServices = nullptr;
-
+// One runtime with the services for every test; gtest deletes it when the program ends.
 class ToolsEnvironment : public ::testing::Environment {
-public:
     void SetUp() override {
-        gRuntime = new hostbinder_test::RuntimeInstance();
-        gServices = hostbinder_test::startRole("tools_services").release();
-        ASSERT_NE(gServices, nullptr);
+        mRuntime = std::make_unique<hostbinder_test::RuntimeInstance>();
+        mServices = hostbinder_test::startRole("tools_services");
+        ASSERT_NE(mServices, nullptr);
     }
-    void TearDown() override {
-        delete gServices;
-        delete gRuntime;
-    }
+    std::unique_ptr<hostbinder_test::RuntimeInstance> mRuntime;
+    std::unique_ptr<hostbinder_test::ChildProcess> mServices;
 };
 
 ::testing::Environment* const gEnvironment =
@@ -116,12 +125,8 @@ ToolRun run(const char* program, const std::string& line) {
     for (std::string& arg : args) argv.push_back(arg.data());
     argv.push_back(nullptr);
     std::ostringstream out, err;
-    Tool tool(defaultServiceManager(), out, err);
-    ToolRun result;
-    result.status = tool.main(static_cast<int>(args.size()), argv.data());
-    result.out = out.str();
-    result.err = err.str();
-    return result;
+    const int status = Tool(defaultServiceManager(), out, err).main(args.size(), argv.data());
+    return {status, out.str(), err.str()};
 }
 
 // A command line of a tool, what it prints on each stream and its exit status.
@@ -151,7 +156,9 @@ void checkRows(const char* program, const char* usageStart, const std::vector<Ro
             "--------- [0-9.]+s was the duration of dumpsys ([^,]+), ending at: .*");
     for (const Row& row : rows) {
         SCOPED_TRACE(std::string(program) + " " + row.line);
+        const auto start = std::chrono::steady_clock::now();
         const ToolRun r = run<Tool>(program, row.line);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << "no wait";
         EXPECT_EQ(r.status, row.status);
         EXPECT_EQ(std::regex_replace(r.out, duration, "END $1"), row.out);
         EXPECT_EQ(r.err, row.err);
@@ -190,6 +197,11 @@ TEST(ServiceToolTest, CommandLines) {
                      "Result: Parcel(\n"
                      "  0x00000000: 73622a85 00000113 00000000 00000000 '.*bs............'\n"
                      "  0x00000010: 00000000 00000000                   '........        ')\n",
+                     ""},
+                    {"call tools.echo 1 i64 1 i64 2 i64 3 i64 4", 0,
+                     "Result: Parcel(\n"
+                     "  0x00000000: 00000001 00000000 00000002 00000000 '................'\n"
+                     "  0x00000010: 00000003 00000000 00000004 00000000 '................')\n",
                      ""},
                     {"call tools.echo 2 i32 1", 0, "Result: Parcel(" + kBadValue + ")\n", ""},
                     {"call tools.missing 1", 1, "",
@@ -234,8 +246,6 @@ TEST(DumpsysToolTest, CommandLines) {
                     {"tools.echo fail", 0, "",
                      "Error dumping service info: (Invalid argument) tools.echo\n"},
                     {"tools.echo big", 0, std::string(kBigDump, 'x'), ""},
-                    {"-T 300 tools.echo hang", 0,
-                     "\n*** SERVICE 'tools.echo' DUMP TIMEOUT (300ms) EXPIRED ***\n\n", ""},
                     {"-l", 0, list, ""},
                     {"", 0,
                      list + separator + "permission:\nEND permission\n" + separator +
@@ -248,12 +258,16 @@ TEST(DumpsysToolTest, CommandLines) {
                              separator + "permission:\nEND permission\n" + separator +
                              "tools.other:\nEND tools.other\n",
                      noDump},
+                    // Last: the dump hangs until released below.
+                    {"-T 300 tools.echo hang", 0,
+                     "\n*** SERVICE 'tools.echo' DUMP TIMEOUT (300ms) EXPIRED ***\n\n", ""},
             },
             {
                     {"-t", "Error: missing timeout value\n"},
                     {"-t soon", "Error: invalid timeout number: 'soon'\n"},
                     {"--bogus", "Unknown option --bogus\n"},
             });
+    run<ServiceTool>("service", "call tools.echo 3");  // the hanging dump ends
 }
 
 // The programs reach the runtime instance named by HOSTBINDER_SOCKET.
