@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fnmatch.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -23,7 +24,6 @@
 #include <fstream>
 #include <functional>
 #include <memory>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -151,31 +151,30 @@ TEST_F(WorkstationTest, CtlUsageErrors) {
     }
 }
 
-// Command lines in order, each with what it prints (a regular expression).
+// Command lines in order, each with what it prints (a pattern: * for any text).
 TEST_F(WorkstationTest, CtlCommandsAndTheirOutputs) {
     const std::pair<const char*, const char*> rows[] = {
             {"enable 0", "enabled: 0\n"},
-            {"status", "enabled: 0\ntracking state: \\d+ \\d+\nhardware state: \\d+\n"},
+            {"status", "enabled: 0\ntracking state: * *\nhardware state: *\n"},
             {"enable 1", "enabled: 1\n"},
             {"status --json",
-             "\\{\"service\":\"morvel.tovarin.service\",\"running\":true,\"enabled\":true,"
-             "\"trackingState\":\\{\"primary\":\\d+,\"secondary\":\\d+\\},\"hardwareState\":\\d+\\}"
-             "\n"},
+             "{\"service\":\"morvel.tovarin.service\",\"running\":true,\"enabled\":true,"
+             "\"trackingState\":{\"primary\":*,\"secondary\":*},\"hardwareState\":*}\n"},
             {"override set ctl.key wert-ä", ""},
             {"override get ctl.key", "wert-ä\n"},
-            {"override get", "[^]*ctl.key=wert-ä\n[^]*"},
+            {"override get", "*ctl.key=wert-ä\n*"},
             {"override clear ctl.key", ""},
             {"override get ctl.key", "\n"},
             {"diag set 1 ctl.diag e", ""},
             {"diag get 1 ctl.diag", "e\n"},
             {"diag get 0 ctl.diag", "\n"},
-            {"diag get 1", "[^]*ctl.diag=e\n[^]*"},
+            {"diag get 1", "*ctl.diag=e\n*"},
     };
     for (const auto& [line, out] : rows) {
         SCOPED_TRACE(line);
         const ProgramRun run = runCtl(line);
         EXPECT_EQ(0, run.status) << run.err;
-        EXPECT_TRUE(std::regex_match(run.out, std::regex(out))) << run.out;
+        EXPECT_EQ(0, fnmatch(out, run.out.c_str(), 0)) << run.out;
     }
 }
 
