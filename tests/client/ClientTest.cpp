@@ -176,7 +176,9 @@ TEST_ROLE(restart) {
     printf("UNREGISTER %d %d\n", r1->getHandle(), s1->getHandle());
     impl->unregisterRawDataListener(r1);
     impl->unregisterStateChangeListener(s1);
-    _exit(0);
+    printf("UNREGISTERED\n");
+    // The third service sends an event once one listener is back: s2 is all that is left.
+    _exit(waitUntil([&] { return s2->events > 1; }) ? 0 : 6);
 }
 
 // The service found by the recovery's lookup dies before the client can link to it.
@@ -348,7 +350,7 @@ TEST_F(ClientTest, ListenersReturnToARestartedService) {
     EXPECT_THAT(client->output(), HasSubstr("LATE -19 -19\n"));
 
     auto second = service(2);
-    ASSERT_EQ(0, client->wait()) << client->output() << second->output();
+    ASSERT_TRUE(client->waitForOutput("UNREGISTERED\n")) << client->output() << second->output();
     // The client undoes one registration of each kind, under the handles the new service gave;
     // its last line follows every registration.
     ASSERT_TRUE(second->waitForOutput("STATE_UNREGISTER")) << second->output();
@@ -375,6 +377,13 @@ TEST_F(ClientTest, ListenersReturnToARestartedService) {
     EXPECT_LT(lookupDied[0], implDied[0]) << output;
     EXPECT_TRUE(linesWith(output, "TovarinServiceImpl W ").empty()) << output;
     EXPECT_TRUE(linesWith(output, "TovarinServiceImpl D ").empty()) << output;
+
+    // Another restart brings back only the listeners still registered.
+    auto third = service(1);
+    kill(second);
+    ASSERT_EQ(0, client->wait()) << client->output() << third->output();
+    EXPECT_EQ(1u, linesWith(third->output(), "RAW_REGISTER").size()) << third->output();
+    EXPECT_EQ(1u, linesWith(third->output(), "STATE_REGISTER").size()) << third->output();
 }
 
 // The service found after a death dies before the client links to it: the client keeps no
