@@ -3,6 +3,9 @@
 
 #include <binder/Binder.h>
 #include <binder/IInterface.h>
+#include <binder/IPermissionController.h>
+#include <binder/IResultReceiver.h>
+#include <binder/IShellCallback.h>
 #include <binder/Parcel.h>
 
 #include <gtest/gtest.h>
@@ -41,6 +44,7 @@ Bytes bytesOf(const Parcel& p) {
 
 class Echo : public BnInterface<IEcho> {
 public:
+    Bytes shellSent;  // the last shell command request
     // Writes its arguments to the fd, one per line.
     status_t dump(int fd, const Vector<String16>& args) override {
         for (size_t i = 0; i < args.size(); i++) dprintf(fd, "%s\n", String8(args[i]).string());
@@ -49,6 +53,7 @@ public:
 
 protected:
     status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) override {
+        if (code == SHELL_COMMAND_TRANSACTION) shellSent = bytesOf(data);
         if (code != ECHO) return BBinder::onTransact(code, data, reply, flags);
         CHECK_INTERFACE(IEcho, data, reply);
         return reply->writeInt32(data.readInt32());
@@ -59,7 +64,7 @@ protected:
 // BBinder
 
 TEST(BBinder, AnswersThePlatformCodesReadingTheRequestFromTheStart) {
-    const sp<IBinder> echo = new Echo();
+    const sp<Echo> echo = new Echo();
     Parcel none, call, otherToken, shell, descriptor;
     call.writeInterfaceToken(IEcho::descriptor);
     call.writeInt32(5);
@@ -70,6 +75,10 @@ TEST(BBinder, AnswersThePlatformCodesReadingTheRequestFromTheStart) {
     shell.writeString16(String16("help"));
     shell.writeStrongBinder(nullptr);
     shell.writeStrongBinder(nullptr);
+    Vector<String16> args;
+    args.add(String16("help"));
+    EXPECT_EQ(IBinder::shellCommand(echo, 0, 1, 2, args, nullptr, nullptr), NO_ERROR);
+    EXPECT_EQ(echo->shellSent, bytesOf(shell));
     descriptor.writeString16(String16("morvel.tovarin.test.IEcho"));
     const std::tuple<const char*, uint32_t, const Parcel&, status_t, Bytes> rows[] = {
             {"interface", IBinder::INTERFACE_TRANSACTION, none, NO_ERROR, bytesOf(descriptor)},
@@ -158,6 +167,9 @@ TEST(Interfaces, ALocalObjectIsItsOwnInterfaceAnyOtherBinderGetsAProxy) {
         proxy = interface_cast<IEcho>(plain);
         ASSERT_NE(proxy, nullptr);
         EXPECT_EQ(IInterface::asBinder(proxy), plain);
+        EXPECT_FALSE(
+                interface_cast<IPermissionController>(plain)->checkPermission(String16("p"), 1, 2))
+                << "a call the binder does not answer grants nothing";
     }
     EXPECT_NE(weakBinder.promote(), nullptr) << "the proxy holds a strong reference";
     proxy.clear();

@@ -163,9 +163,13 @@ TEST(ParcelBytes, InterfaceTokenCarriesTheThreadsPolicyAndChecksOnlyTheDescripto
     const int64_t restore = self->setCallingWorkSourceUid(1234);
     Parcel token;
     token.writeInterfaceToken(String16("x.IFoo"));
+    self->clearPropagateWorkSource();  // the work source stays, but is no longer sent
+    Parcel unpropagated;
+    unpropagated.writeInterfaceToken(String16("x.IFoo"));
     self->restoreCallingWorkSource(restore);
     self->setStrictModePolicy(0);
     EXPECT_EQ(Bytes(token.data(), token.data() + 8), words({0x80000010, 1234}));
+    EXPECT_EQ(Bytes(unpropagated.data(), unpropagated.data() + 8), words({0x80000010, 0xffffffff}));
 
     // Read: the policy and work source become the serving thread's (a one-way call runs without
     // a policy); only the descriptor decides.
@@ -336,6 +340,8 @@ TEST(ParcelObjects, ObjectsAreReadOnlyWhereAValidTableRecordsThem) {
     p.writeInt32(1);
     p.writeStrongBinder(real);
     p.writeInt32(2);
+    p.setDataPosition(4);
+    EXPECT_EQ(p.readStrongBinder(), real) << "found in the table before anything sorts it";
     p.setDataPosition(24);
     int32_t word = 0;
     EXPECT_EQ(p.readInt32(&word), PERMISSION_DENIED) << "the last word of the object at 4";
@@ -344,8 +350,6 @@ TEST(ParcelObjects, ObjectsAreReadOnlyWhereAValidTableRecordsThem) {
     p.setDataPosition(0);
     EXPECT_EQ(p.readObject(false), nullptr);
     EXPECT_EQ(p.readInplace(12), nullptr);
-    p.setDataPosition(4);
-    EXPECT_EQ(p.readStrongBinder(), real);
 }
 
 TEST(ParcelObjects, AReceivedBufferIsReleasedOnceWhenFreedOrRewrittenAndItsFdsStayUsable) {
@@ -422,6 +426,7 @@ TEST(ParcelHostile, ReadsAndWritesBeyondTheLimitsFail) {
     EXPECT_EQ(w.writeInplace(SIZE_MAX), nullptr);
     EXPECT_EQ(w.writeInplace(size_t(INT32_MAX) + 1), nullptr);
     EXPECT_EQ(w.write(&byte, size_t(INT32_MAX) + 1), BAD_VALUE);
+    EXPECT_EQ(w.write(&byte, INT32_MAX), NO_MEMORY) << "a valid length whose padding cannot fit";
     EXPECT_EQ(w.writeUnpadded(&byte, SIZE_MAX), BAD_VALUE);
     EXPECT_EQ(w.writeByteArray(SIZE_MAX, &byte), BAD_VALUE);
     EXPECT_EQ(w.setDataCapacity(size_t(INT32_MAX) + 1), BAD_VALUE);
@@ -469,6 +474,7 @@ TEST(ParcelHostile, ExceptionCodes) {
             {"none", words({0, 42}), 0, 42},
             {"reply header (its size counts itself)", words({0xffffff80, 12, 7, 7, 42}), 0, 42},
             {"reply header up to the end", words({0xffffff80, 4}), 0, -1},
+            {"reply header of size 0", words({0xffffff80, 0}), 0, -1},
             {"reply header larger than the data", words({0xffffff80, 100, 42}), -129, -1},
             {"reply header without size", words({0xffffff80}), -129, -1},
             {"exception with message", words({0xfffffffd, 1, 0x00000041, 0, 42}), -3, 42},
