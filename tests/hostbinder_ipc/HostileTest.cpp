@@ -343,6 +343,11 @@ TEST_F(HostileTest, DirectPeersBreakingTheProtocolLoseOnlyTheirConnection) {
                              Bytes(dataSize));
     };
     const Bytes cutShort = directCall(mVictim.cookie, 0, 64);
+    sendAll(mThread->fd, frame(kFramePark, mSeq++, bytesOf(Park{mService->pid(), 0, 4, 0}) +
+                                                           bytesOf(int32_t(6))));
+    InboundFrame parked;
+    ASSERT_TRUE(readFrame(mThread->fd, mThread->reader, &parked));
+    const uint64_t parkId = parked.fixed<ParkAck>().parkId;
     enum Outcome { kDropped, kLeftWaiting, kRefused };
     struct Case {
         const char* what;
@@ -363,6 +368,9 @@ TEST_F(HostileTest, DirectPeersBreakingTheProtocolLoseOnlyTheirConnection) {
              directCall(mVictim.cookie ^ 0x5a5a0000u, 0, 0), kRefused, DEAD_OBJECT},
             {"a call naming a body it did not park", directCall(mVictim.cookie, 12345, 0), kRefused,
              BAD_VALUE},
+            {"a call with a body it parked", directCall(mVictim.cookie, parkId, 0), kRefused,
+             NO_ERROR},
+            {"the same body again", directCall(mVictim.cookie, parkId, 0), kRefused, BAD_VALUE},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);

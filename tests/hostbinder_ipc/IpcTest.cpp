@@ -246,6 +246,10 @@ TEST_ROLE(caller) {
         return 4;
     }
     IPCThreadState* ipc = IPCThreadState::self();
+    Parcel withFd, refused;  // a descriptor the service manager does not take is closed
+    withFd.writeFileDescriptor(STDIN_FILENO);
+    if (IInterface::asBinder(defaultServiceManager())->transact(77, withFd, &refused) == NO_ERROR)
+        return 5;
     printf("outside=%d,%u\n", ipc->getCallingPid(), ipc->getCallingUid());
     ipc->restoreCallingIdentity(ipc->clearCallingIdentity());
     printf("restored=%d,%u\n", ipc->getCallingPid(), ipc->getCallingUid());
@@ -468,6 +472,8 @@ TEST_F(IpcTest, KilledProcessNotifiesInLinkOrderAndFailsItsCallers) {
                 << out;
         EXPECT_LT(std::stoll(out.substr(out.find("at=") + 3)) - killedAt, 1000) << out;
     }
+    for (const String16& name : defaultServiceManager()->listServices())
+        EXPECT_NE(String16("victim"), name);
 }
 
 TEST_F(IpcTest, DescriptorsDumpsAndCallsUpToTheSizeLimitReachTheOtherProcess) {
