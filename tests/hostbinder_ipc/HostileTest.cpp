@@ -17,6 +17,7 @@
 #include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
@@ -292,6 +293,23 @@ TEST_F(HostileTest, ProtocolViolationsDropOnlyTheOffender) {
             EXPECT_TRUE(closedByPeer(peer.fd));
         }
     }
+    // A process whose runtime hangs up on its hello gets an error; it does not wait on.
+    sockaddr_un address{AF_UNIX, {}};
+    const std::string mutePath = mRuntime->socketPath() + ".mute";
+    strcpy(address.sun_path, mutePath.c_str());
+    const int mute = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(0, bind(mute, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+    ASSERT_EQ(0, listen(mute, 1));
+    auto lost = hostbinder_test::startRole("hold", {"victim"}, false,
+                                           {"HOSTBINDER_SOCKET=" + mutePath});
+    pollfd p{mute, POLLIN, 0};
+    char hello[sizeof(FrameHeader) + sizeof(Hello)];
+    const int joining = poll(&p, 1, 5000) == 1 ? accept(mute, nullptr, nullptr) : -1;
+    EXPECT_EQ(ssize_t(sizeof(hello)), recv(joining, hello, sizeof(hello), MSG_WAITALL));
+    close(joining);
+    close(mute);
+    unlink(mutePath.c_str());
+    EXPECT_EQ(1, lost->wait());
 }
 
 // Whatever identity a process writes into the fields it controls (the spare header and
