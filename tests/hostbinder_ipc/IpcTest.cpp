@@ -21,6 +21,8 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
+#include <fstream>
 #include <future>
 #include <map>
 #include <mutex>
@@ -39,6 +41,17 @@ namespace {
 void say(const std::string& line) {
     printf("%s\n", line.c_str());
     fflush(stdout);
+}
+
+// The threads of this process accepting direct connections.
+int directListeners() {
+    int n = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream comm(task.path() / "comm");
+        std::string name;
+        n += std::getline(comm, name) && name == "binder:direct" ? 1 : 0;
+    }
+    return n;
 }
 
 int32_t threadId() {
@@ -595,6 +608,8 @@ TEST_F(IpcTest, ProcessJoinsTheInstanceItIsPointedAt) {
     EXPECT_EQ(nullptr, service("first"));
     EXPECT_FALSE(first->isBinderAlive());
     EXPECT_EQ(DEAD_OBJECT, first->pingBinder());
+    // The first instance's listener for direct calls has ended; the second's is left.
+    EXPECT_TRUE(waitUntil([] { return directListeners() == 1; })) << directListeners();
 }
 
 }  // namespace
