@@ -17,6 +17,7 @@
 #include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
@@ -292,6 +293,23 @@ TEST_F(HostileTest, ProtocolViolationsDropOnlyTheOffender) {
             EXPECT_TRUE(closedByPeer(peer.fd));
         }
     }
+    // A process whose runtime hangs up on its hello gets an error; it does not wait on.
+    sockaddr_un address{AF_UNIX, {}};
+    const std::string mutePath = mRuntime->socketPath() + ".mute";
+    strcpy(address.sun_path, mutePath.c_str());
+    const int mute = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(0, bind(mute, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+    ASSERT_EQ(0, listen(mute, 1));
+    auto lost = hostbinder_test::startRole("hold", {"victim"}, false,
+                                           {"HOSTBINDER_SOCKET=" + mutePath});
+    pollfd p{mute, POLLIN, 0};
+    char hello[sizeof(FrameHeader) + sizeof(Hello)];
+    const int joining = poll(&p, 1, 5000) == 1 ? accept(mute, nullptr, nullptr) : -1;
+    EXPECT_EQ(ssize_t(sizeof(hello)), recv(joining, hello, sizeof(hello), MSG_WAITALL));
+    close(joining);
+    close(mute);
+    unlink(mutePath.c_str());
+    EXPECT_EQ(1, lost->wait());
 }
 
 // Whatever identity a process writes into the fields it controls (the spare header and
@@ -343,6 +361,11 @@ TEST_F(HostileTest, DirectPeersBreakingTheProtocolLoseOnlyTheirConnection) {
                              Bytes(dataSize));
     };
     const Bytes cutShort = directCall(mVictim.cookie, 0, 64);
+    sendAll(mThread->fd, frame(kFramePark, mSeq++, bytesOf(Park{mService->pid(), 0, 4, 0}) +
+                                                           bytesOf(int32_t(6))));
+    InboundFrame parked;
+    ASSERT_TRUE(readFrame(mThread->fd, mThread->reader, &parked));
+    const uint64_t parkId = parked.fixed<ParkAck>().parkId;
     enum Outcome { kDropped, kLeftWaiting, kRefused };
     struct Case {
         const char* what;
@@ -363,6 +386,9 @@ TEST_F(HostileTest, DirectPeersBreakingTheProtocolLoseOnlyTheirConnection) {
              directCall(mVictim.cookie ^ 0x5a5a0000u, 0, 0), kRefused, DEAD_OBJECT},
             {"a call naming a body it did not park", directCall(mVictim.cookie, 12345, 0), kRefused,
              BAD_VALUE},
+            {"a call with a body it parked", directCall(mVictim.cookie, parkId, 0), kRefused,
+             NO_ERROR},
+            {"the same body again", directCall(mVictim.cookie, parkId, 0), kRefused, BAD_VALUE},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);

@@ -21,6 +21,8 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
+#include <fstream>
 #include <future>
 #include <map>
 #include <mutex>
@@ -39,6 +41,17 @@ namespace {
 void say(const std::string& line) {
     printf("%s\n", line.c_str());
     fflush(stdout);
+}
+
+// The threads of this process accepting direct connections.
+int directListeners() {
+    int n = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream comm(task.path() / "comm");
+        std::string name;
+        n += std::getline(comm, name) && name == "binder:direct" ? 1 : 0;
+    }
+    return n;
 }
 
 int32_t threadId() {
@@ -246,6 +259,10 @@ TEST_ROLE(caller) {
         return 4;
     }
     IPCThreadState* ipc = IPCThreadState::self();
+    Parcel withFd, refused;  // a descriptor the service manager does not take is closed
+    withFd.writeFileDescriptor(STDIN_FILENO);
+    if (IInterface::asBinder(defaultServiceManager())->transact(77, withFd, &refused) == NO_ERROR)
+        return 5;
     printf("outside=%d,%u\n", ipc->getCallingPid(), ipc->getCallingUid());
     ipc->restoreCallingIdentity(ipc->clearCallingIdentity());
     printf("restored=%d,%u\n", ipc->getCallingPid(), ipc->getCallingUid());
@@ -468,6 +485,8 @@ TEST_F(IpcTest, KilledProcessNotifiesInLinkOrderAndFailsItsCallers) {
                 << out;
         EXPECT_LT(std::stoll(out.substr(out.find("at=") + 3)) - killedAt, 1000) << out;
     }
+    for (const String16& name : defaultServiceManager()->listServices())
+        EXPECT_NE(String16("victim"), name);
 }
 
 TEST_F(IpcTest, DescriptorsDumpsAndCallsUpToTheSizeLimitReachTheOtherProcess) {
@@ -589,6 +608,8 @@ TEST_F(IpcTest, ProcessJoinsTheInstanceItIsPointedAt) {
     EXPECT_EQ(nullptr, service("first"));
     EXPECT_FALSE(first->isBinderAlive());
     EXPECT_EQ(DEAD_OBJECT, first->pingBinder());
+    // The first instance's listener for direct calls has ended; the second's is left.
+    EXPECT_TRUE(waitUntil([] { return directListeners() == 1; })) << directListeners();
 }
 
 }  // namespace
