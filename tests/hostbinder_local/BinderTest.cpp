@@ -4,8 +4,6 @@
 #include <binder/Binder.h>
 #include <binder/IInterface.h>
 #include <binder/IPermissionController.h>
-#include <binder/IResultReceiver.h>
-#include <binder/IShellCallback.h>
 #include <binder/Parcel.h>
 
 #include <gtest/gtest.h>
@@ -19,6 +17,10 @@
 #include <vector>
 
 namespace android {
+
+// The shell command's callback types, which hostbinder only declares; null here.
+class IShellCallback : public virtual RefBase {};
+class IResultReceiver : public virtual RefBase {};
 
 // An interface declared the platform's way: its only call answers with the int32 it is given.
 class IEcho : public IInterface {
