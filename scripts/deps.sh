@@ -9,7 +9,7 @@ TOVARIN_PACKAGES=(
     libsystemd-dev dbus
     android-libutils-dev android-liblog-dev
     blueprint-tools android-platform-frameworks-native-headers
-    gnuplot-nox
+    gnuplot-nox libsodium-dev
 )
 
 # The 32-bit ARM build and its run under qemu-user (scripts/test-armhf.sh): a cross compiler and
@@ -17,6 +17,7 @@ TOVARIN_PACKAGES=(
 TOVARIN_ARMHF_PACKAGES=(
     crossbuild-essential-armhf qemu-user-static
     android-libutils-dev:armhf android-liblog-dev:armhf libgtest-dev:armhf libgmock-dev:armhf
+    libsodium-dev:armhf
 )
 
 # Prints the packages of the list given (TOVARIN_PACKAGES by default) that are not installed.

@@ -177,7 +177,7 @@ protected:
         mThread = std::make_unique<RawPeer>(mRuntime->socketPath());
         sendAll(mThread->fd, frame(kFrameHello, 0,
                                    bytesOf(Hello{kWireMagic, kWireVersion, kRoleThread, mForgedPid,
-                                                 mForgedPid})));
+                                                 {0xff, 0xff, 0xff, 0xff}})));
         Parcel lookup;
         lookup.writeInt32(int32_t(0x80000000u));  // strict-mode policy with the gather bit
         lookup.writeInt32(static_cast<int32_t>(mForgedUid));  // the work source
@@ -189,7 +189,11 @@ protected:
         ASSERT_EQ(1u, body.objectsCount);
         memcpy(&mVictim, body.data + body.offsets[0], sizeof(mVictim));
         ASSERT_EQ(uint32_t(BINDER_TYPE_HANDLE), mVictim.hdr.type);
-        ASSERT_EQ(mService->pid(), pid_t(mVictim.binder >> 32));  // the owner, for direct calls
+        // The handle object is as the kernel writes it; the owner is introduced beside it.
+        EXPECT_EQ(0u, mVictim.binder >> 32);
+        EXPECT_EQ(0u, mVictim.cookie);
+        ASSERT_EQ(int32_t(mVictim.handle), mIntroduction.handle);
+        ASSERT_EQ(mService->pid(), mIntroduction.ownerPid);
     }
 
     // A synchronous call on the forging thread connection.
@@ -199,7 +203,10 @@ protected:
                                    transaction(handle, {}, Bytes(d, d + data.ipcDataSize()), code,
                                                0, mForgedPid),
                                    mForgedUid));
-        ASSERT_TRUE(readFrame(mThread->fd, mThread->reader, reply));
+        do {
+            ASSERT_TRUE(readFrame(mThread->fd, mThread->reader, reply));
+            if (reply->header.type == kFrameIntroduce) mIntroduction = reply->fixed<Introduce>();
+        } while (reply->header.type == kFrameIntroduce);
         ASSERT_EQ(kFrameIncomingReply, reply->header.type);
         ASSERT_EQ(NO_ERROR, reply->fixed<IncomingReply>().status);
     }
@@ -213,6 +220,7 @@ protected:
     std::unique_ptr<hostbinder_test::ChildProcess> mService;
     std::unique_ptr<RawPeer> mProcess, mThread;
     flat_binder_object mVictim{};
+    Introduce mIntroduction{};
     uint32_t mSeq = 1;
     uint32_t mForgedPid = 0, mForgedUid = getuid() == 0 ? 4321 : 0;
     int mRuntimeFds = 0, mRuntimeThreads = 0;
@@ -328,7 +336,8 @@ TEST_F(HostileTest, ForgedIdentityIsNeverBelieved) {
     ASSERT_GE(direct, 0);
     sendAll(direct,
             frame(kFrameDirectCall, mForgedPid,
-                  bytesOf(DirectCall{mVictim.cookie, 0, hostbinder_ipc::kWhoCalls, 0, 8, 0}) +
+                  bytesOf(DirectCall{mIntroduction.name, mIntroduction.proof, 0, 0,
+                                     hostbinder_ipc::kWhoCalls, 0, 8, 0}) +
                           bytesOf(std::array<uint32_t, 2>{mForgedPid, mForgedUid}),
                   mForgedUid));
     FrameReader reader;
@@ -355,12 +364,14 @@ TEST_F(HostileTest, DirectPeersBreakingTheProtocolLoseOnlyTheirConnection) {
         fdsBefore = countEntries(serviceFds);
         return fdsBefore == previous;
     }));
-    auto directCall = [&](uint64_t token, uint64_t parkId, uint32_t dataSize) {
+    const uint64_t name = mIntroduction.name, proof = mIntroduction.proof;
+    auto directCall = [&](uint64_t name, uint64_t proof, uint64_t parkId, uint32_t dataSize) {
         return frame(kFrameDirectCall, 0,
-                     bytesOf(DirectCall{token, parkId, hostbinder_ipc::kEcho, 0, dataSize, 0}) +
+                     bytesOf(DirectCall{name, proof, parkId, 0, hostbinder_ipc::kEcho, 0, dataSize,
+                                        0}) +
                              Bytes(dataSize));
     };
-    const Bytes cutShort = directCall(mVictim.cookie, 0, 64);
+    const Bytes cutShort = directCall(name, proof, 0, 64);
     sendAll(mThread->fd, frame(kFramePark, mSeq++, bytesOf(Park{mService->pid(), 0, 4, 0}) +
                                                            bytesOf(int32_t(6))));
     InboundFrame parked;
@@ -382,13 +393,15 @@ TEST_F(HostileTest, DirectPeersBreakingTheProtocolLoseOnlyTheirConnection) {
                    bytesOf(IncomingTransaction{0, 0, 0, 1, 0, 1, 0, 0, 0})),
              kDropped, 0},
             {"a call cut short", Bytes(cutShort.begin(), cutShort.end() - 40), kLeftWaiting, 0},
-            {"a call on an object it was never given",
-             directCall(mVictim.cookie ^ 0x5a5a0000u, 0, 0), kRefused, DEAD_OBJECT},
-            {"a call naming a body it did not park", directCall(mVictim.cookie, 12345, 0), kRefused,
+            {"a name derived from the one it was given", directCall(name ^ 0x40u, proof, 0, 0),
+             kDropped, 0},
+            {"the name it was given with another proof", directCall(name, proof ^ 1u, 0, 0),
+             kDropped, 0},
+            {"a call naming a body it did not park", directCall(name, proof, 12345, 0), kRefused,
              BAD_VALUE},
-            {"a call with a body it parked", directCall(mVictim.cookie, parkId, 0), kRefused,
+            {"a call with a body it parked", directCall(name, proof, parkId, 0), kRefused,
              NO_ERROR},
-            {"the same body again", directCall(mVictim.cookie, parkId, 0), kRefused, BAD_VALUE},
+            {"the same body again", directCall(name, proof, parkId, 0), kRefused, BAD_VALUE},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);

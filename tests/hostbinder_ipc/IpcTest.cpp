@@ -1,6 +1,7 @@
 // Multi-process behaviour of the hostbinder runtime. Each test starts its own runtime instance
 // and services in roles of this executable; this process is their client.
 #include "TestService.h"
+#include "WireSocket.h"
 #include "WireProtocol.h"
 
 #include <binder/Binder.h>
@@ -44,16 +45,6 @@ void say(const std::string& line) {
 }
 
 // The threads of this process accepting direct connections.
-int directListeners() {
-    int n = 0;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::ifstream comm(task.path() / "comm");
-        std::string name;
-        n += std::getline(comm, name) && name == "binder:direct" ? 1 : 0;
-    }
-    return n;
-}
-
 int32_t threadId() {
     return static_cast<int32_t>(syscall(SYS_gettid));
 }
@@ -598,6 +589,7 @@ TEST_F(IpcTest, PermissionsFollowThePolicyFile) {
 
 TEST_F(IpcTest, ProcessJoinsTheInstanceItIsPointedAt) {
     auto firstService = serve("first");
+    const std::string firstPath = mRuntime->socketPath();
     sp<IBinder> first = service("first");
     ASSERT_NE(nullptr, first);
     EXPECT_EQ(NO_ERROR, first->pingBinder());
@@ -608,8 +600,13 @@ TEST_F(IpcTest, ProcessJoinsTheInstanceItIsPointedAt) {
     EXPECT_EQ(nullptr, service("first"));
     EXPECT_FALSE(first->isBinderAlive());
     EXPECT_EQ(DEAD_OBJECT, first->pingBinder());
-    // The first instance's listener for direct calls has ended; the second's is left.
-    EXPECT_TRUE(waitUntil([] { return directListeners() == 1; })) << directListeners();
+    // The first instance's address for direct calls is given up; the second's is listened on.
+    const int stale = hostbinder::connectDirect(hostbinder::directAddress(firstPath.c_str(), getpid()));
+    EXPECT_LT(stale, 0);
+    const int current =
+            hostbinder::connectDirect(hostbinder::directAddress(mRuntime->socketPath().c_str(), getpid()));
+    EXPECT_GE(current, 0);
+    if (current >= 0) close(current);
 }
 
 }  // namespace

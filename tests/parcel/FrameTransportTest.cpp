@@ -43,7 +43,7 @@ struct FrameReport {
     uint64_t checksum = 0;    // of the pixels read, 0 without pixels
     int64_t dataAddress = 0;  // where the receiver's copy lives (its parceler's buffer)
     int64_t timestamp = 0;    // raw data only
-    int32_t openFds = 0;      // the receiver's open descriptors after reading
+    int32_t openFds = 0;      // the receiver's open file and memory descriptors after reading
 };
 
 // FNV-1a over the pixels.
@@ -76,7 +76,7 @@ protected:
         }
         report.dataAddress = reinterpret_cast<intptr_t>(frame.data);
         report.timestamp = event.timestamp;
-        report.openFds = hostbinder_test::openFdCount();
+        report.openFds = hostbinder_test::openFileFdCount();
         return reply->write(&report, sizeof(report));
     }
 

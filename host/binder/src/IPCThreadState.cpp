@@ -10,6 +10,9 @@
 #include "ThreadConnection.h"
 
 #include <errno.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
@@ -44,7 +47,6 @@ namespace hostbinder {
 void adoptFrame(InboundFrame& frame, uint64_t bufferId, Parcel* parcel) {
     hostbinder::FrameBody body = hostbinder::frameBody(frame.header, frame.payload);
     ReceivedBuffer* rb = new ReceivedBuffer{nullptr, bufferId, {}};
-    std::vector<pid_t> owners;
     size_t nextFd = 0;
     sp<ProcessState> proc = ProcessState::self();
     for (size_t i = 0; i < body.objectsCount; i++) {
@@ -53,14 +55,7 @@ void adoptFrame(InboundFrame& frame, uint64_t bufferId, Parcel* parcel) {
         memcpy(&copy, body.data + body.offsets[i], sizeof(copy));
         flat_binder_object* obj = &copy;
         if (obj->hdr.type == BINDER_TYPE_HANDLE) {
-            const int32_t handle = static_cast<int32_t>(obj->handle);
-            rb->proxies.push_back(proc->receiveHandle(handle));
-            if (handle != kServiceManagerHandle) {
-                // The runtime's introduction of the object's process (0: none).
-                const pid_t owner = static_cast<pid_t>(obj->binder >> 32);
-                proc->noteHandleOwner(handle, owner, obj->cookie);
-                if (owner > 0) owners.push_back(owner);
-            }
+            rb->proxies.push_back(proc->receiveHandle(static_cast<int32_t>(obj->handle)));
         } else if (obj->hdr.type == BINDER_TYPE_FD) {
             if (nextFd < frame.fds.size()) {
                 obj->handle = static_cast<uint32_t>(frame.fds[nextFd]);
@@ -78,10 +73,6 @@ void adoptFrame(InboundFrame& frame, uint64_t bufferId, Parcel* parcel) {
     parcel->ipcSetDataReference(body.data, body.dataSize,
                                 reinterpret_cast<const binder_size_t*>(body.offsets),
                                 body.objectsCount, IPCThreadState::freeBuffer, rb);
-    if (!owners.empty()) {
-        IPCThreadState* self = IPCThreadState::self();
-        for (pid_t owner : owners) self->prepareDirectCalls(owner);
-    }
 }
 
 // The descriptors of the fd objects in `p`, in object order.
@@ -171,9 +162,16 @@ IPCThreadState::IPCThreadState()
         mOnewayUnackedCalls(0),
         mOnewayUnackedBytes(0),
         mOnewayMustAck(false),
-        mDirect(new hostbinder::DirectState) {}
+        mDirect(new hostbinder::DirectState),
+        mPollFd(-1) {
+    mDirect->mailboxFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    mDirect->threadId = hostbinder::ChainThreads::get().add(this);
+}
 
 IPCThreadState::~IPCThreadState() {
+    hostbinder::ChainThreads::get().remove(mDirect->threadId);
+    if (mDirect->mailboxFd >= 0) close(mDirect->mailboxFd);
+    if (mPollFd >= 0) close(mPollFd);
     delete mDirect;
     delete mConnection;
 }
@@ -268,16 +266,45 @@ int IPCThreadState::setupPolling(int* fd) {
     iovec part{&enter, sizeof(enter)};
     mConnection->send(hostbinder::kFrameEnterLooper, mProcess->nextFrameSeq(), &part, 1);
     mIsLooper = true;
-    *fd = mConnection->fd();
+    // One descriptor for the caller's poll loop: readable when the runtime sent something or
+    // a direct call waits.
+    if (mPollFd < 0) {
+        mPollFd = epoll_create1(EPOLL_CLOEXEC);
+        epoll_event ev{};
+        ev.events = EPOLLIN;
+        epoll_ctl(mPollFd, EPOLL_CTL_ADD, mConnection->fd(), &ev);
+        if (hostbinder::IncomingCalls* incoming = mProcess->incoming()) {
+            epoll_ctl(mPollFd, EPOLL_CTL_ADD, incoming->waitFd(), &ev);
+        }
+    }
+    *fd = mPollFd;
     return 0;
 }
 
+// Handles everything that has arrived, so that the descriptor is not readable afterwards
+// unless more came meanwhile: every whole frame from the runtime (one read may bring several)
+// and every direct call waiting.
 status_t IPCThreadState::handlePolledCommands() {
     if (mConnection == nullptr) return DEAD_OBJECT;
-    InboundFrame frame;
-    status_t err = mConnection->read(&frame);
-    if (err != NO_ERROR) return err;
-    return executeCommand(frame);
+    for (;;) {
+        bool worked = false;
+        if (!mConnection->hasBufferedFrame()) {
+            if (mConnection->fillAvailable() != NO_ERROR && !mConnection->hasBufferedFrame()) {
+                return DEAD_OBJECT;
+            }
+        }
+        while (mConnection->hasBufferedFrame()) {
+            InboundFrame frame;
+            status_t err = mConnection->read(&frame);
+            if (err != NO_ERROR) return err;
+            executeCommand(frame);
+            worked = true;
+        }
+        if (hostbinder::IncomingCalls* incoming = mProcess->incoming()) {
+            while (incoming->serveOne(this)) worked = true;
+        }
+        if (!worked) return NO_ERROR;
+    }
 }
 
 void IPCThreadState::flushCommands() {}
@@ -339,12 +366,29 @@ void IPCThreadState::joinThreadPool(bool isMain) {
         return;
     }
     mIsLooper = true;
-    for (;;) {
-        InboundFrame frame;
-        if (mConnection->read(&frame) != NO_ERROR) break;
-        executeCommand(frame);
+    hostbinder::IncomingCalls::joinPool();
+    while (waitForWork() == NO_ERROR) {
     }
+    hostbinder::IncomingCalls::leavePool();
     mIsLooper = false;
+}
+
+// One piece of a binder thread's work: a frame from the runtime, or direct calls. Returns
+// DEAD_OBJECT when the runtime connection ended (the thread leaves the pool).
+status_t IPCThreadState::waitForWork() {
+    if (!mConnection->hasBufferedFrame()) {
+        hostbinder::IncomingCalls* incoming = mProcess->incoming();
+        if (incoming != nullptr && incoming->serveOne(this)) return NO_ERROR;
+        pollfd fds[2] = {{mConnection->fd(), POLLIN, 0},
+                         {incoming != nullptr ? incoming->waitFd() : -1, POLLIN, 0}};
+        int n = poll(fds, 2, -1);
+        if (n < 0 && errno != EINTR) return DEAD_OBJECT;
+        if ((fds[0].revents & (POLLIN | POLLHUP | POLLERR)) == 0) return NO_ERROR;
+    }
+    InboundFrame frame;
+    if (mConnection->read(&frame) != NO_ERROR) return DEAD_OBJECT;
+    executeCommand(frame);
+    return NO_ERROR;
 }
 
 status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& data,
@@ -364,15 +408,17 @@ status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& d
     }
     noteLocalObjects(data);
     const bool oneway = (flags & IBinder::FLAG_ONEWAY) != 0;
-    pid_t owner = 0;
-    uint64_t token = 0;
-    if (!oneway && handle != hostbinder::kServiceManagerHandle &&
-        mProcess->handleOwner(handle, &owner, &token)) {
-        // Synchronous calls on another process's object go straight to it, when it can be
-        // reached; otherwise through the runtime, which also knows whether it is still alive.
-        if (IPCThreadState::DirectConnection conn = directConnection(owner)) {
-            return transactDirect(conn, token, code, data, reply, flags, fds.data(), fds.size());
-        }
+    hostbinder::DirectTarget target;
+    if (handle != hostbinder::kServiceManagerHandle &&
+        mProcess->handleOwner(handle, &target.owner, &target.ownerStart, &target.name,
+                              &target.proof)) {
+        // Calls on another process's object go straight to it, when it can be reached;
+        // otherwise through the runtime, which also knows whether it is still alive.
+        const bool sent =
+                oneway ? sendOnewayDirect(target, code, data, flags, fds.data(), fds.size(), &err)
+                       : transactDirect(target, code, data, reply, flags, fds.data(), fds.size(),
+                                        &err);
+        if (sent) return err;
     }
     const size_t bodyBytes = data.ipcDataSize() + data.ipcObjectsCount() * sizeof(uint64_t);
     bool ackWanted = false;
@@ -460,6 +506,18 @@ status_t IPCThreadState::executeCommand(InboundFrame& frame) {
         case hostbinder::kFrameSpawnLooper:
             mProcess->spawnPooledThread(false);
             return NO_ERROR;
+        case hostbinder::kFrameIntroduce: {
+            const auto& i = frame.fixed<hostbinder::Introduce>();
+            mProcess->noteHandleOwner(i.handle, i.ownerPid, i.ownerStart, i.name, i.proof);
+            // This thread connects to the owner now, so that its first call finds it made.
+            if (i.ownerPid != getpid()) {
+                DirectConnection conn;
+                hostbinder::PeerIdentity peer;
+                outgoingTo(hostbinder::DirectTarget{i.ownerPid, i.ownerStart, i.name, i.proof},
+                           &conn, &peer);
+            }
+            return NO_ERROR;
+        }
         default:
             // Stray replies or acknowledgements (a caller that gave up) are dropped with the frame.
             return NO_ERROR;

@@ -6,9 +6,12 @@
 #include <binder/IPCThreadState.h>
 #include <log/log.h>
 
+#include "IncomingCalls.h"
+#include "PeerIdentity.h"
 #include "WireSocket.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <stdlib.h>
@@ -16,7 +19,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <random>
 
 namespace android {
 
@@ -24,13 +26,6 @@ namespace android {
 // them until the process ends, static destructors included.
 static Mutex& gProcessMutex = *new Mutex;
 static sp<ProcessState>& gProcess = *new sp<ProcessState>;
-
-namespace {
-struct DirectArgs {
-    ProcessState* process;
-    int fd;
-};
-}  // namespace
 
 sp<ProcessState> ProcessState::self() {
     Mutex::Autolock _l(gProcessMutex);
@@ -58,11 +53,12 @@ ProcessState::ProcessState(const char* /*driver*/)
         mThreadPoolSeq(1),
         mThreadPoolStarted(false),
         mCallRestriction(CallRestriction::NONE),
-        mTokenKey(0),
-        mDirectListenFd(-1),
-        mDirectServers(0) {
-    std::random_device random;
-    mTokenKey = (uint64_t(random()) << 32) ^ random();
+        mNameMask(0),
+        mIncoming(nullptr),
+        mSpawnedThreads(0) {
+    static_assert(sizeof(mObjectKey) == hostbinder::kObjectKeyBytes);
+    hostbinder::randomBytes(mObjectKey, sizeof(mObjectKey));
+    mNameMask = hostbinder::nameMask(mObjectKey);
 }
 
 ProcessState::~ProcessState() {
@@ -124,8 +120,8 @@ status_t ProcessState::connectRuntime(Vector<IBinder*>* released) {
         return DEAD_OBJECT;
     }
     hostbinder::Hello hello{hostbinder::kWireMagic, hostbinder::kWireVersion,
-                            hostbinder::kRoleProcess, static_cast<uint32_t>(maxThreads()),
-                            mTokenKey};
+                            hostbinder::kRoleProcess, static_cast<uint32_t>(maxThreads()), {}};
+    memcpy(hello.objectKey, mObjectKey, sizeof(mObjectKey));
     iovec part{&hello, sizeof(hello)};
     if (hostbinder::sendFrameBlocking(fd, hostbinder::kFrameHello, 0, &part, 1, nullptr, 0) != 0) {
         close(fd);
@@ -153,108 +149,63 @@ status_t ProcessState::connectRuntime(Vector<IBinder*>* released) {
     return NO_ERROR;
 }
 
-// Direct connections from other processes of the instance: one thread accepts them, and each
-// is served by a thread of its own, which runs the calls of the peer thread at the other end
-// (and nested calls back to it) in order.
+// Direct connections from other processes of the instance are served by the binder threads
+// (IncomingCalls). mRuntimeLock held.
 void ProcessState::startDirectListener() {
     int fd = hostbinder::listenDirect(hostbinder::directAddress(mSocketPath.string(), getpid()));
     if (fd < 0) {
         ALOGE("cannot listen for direct calls: %s", strerror(-fd));
         return;
     }
-    mDirectListenFd = fd;
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    pthread_t t;
-    incStrong(this);  // the accepting thread holds the process state
-    DirectArgs* args = new DirectArgs{this, fd};
-    if (pthread_create(&t, &attr, directAcceptMain, args) != 0) {
-        ALOGE("cannot start the direct call listener");
-        delete args;
-        decStrong(this);
-        close(fd);
-        mDirectListenFd = -1;
-    }
-    pthread_attr_destroy(&attr);
+    // Non-blocking: a binder thread accepts what is waiting and goes back to its work.
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    mIncoming = new hostbinder::IncomingCalls(fd);
 }
 
+// mRuntimeLock held. The old instance's calls end; threads that still hold it find nothing.
 void ProcessState::stopDirectListener() {
-    // The accepting thread wakes up, closes the socket and ends.
-    if (mDirectListenFd >= 0) ::shutdown(mDirectListenFd, SHUT_RDWR);
-    mDirectListenFd = -1;
+    if (mIncoming != nullptr) mIncoming->shutdown();
+    mIncoming = nullptr;
 }
 
-void* ProcessState::directAcceptMain(void* arg) {
-    DirectArgs* a = static_cast<DirectArgs*>(arg);
-    ProcessState* self = a->process;
-    const int listenFd = a->fd;
-    delete a;
-    pthread_setname_np(pthread_self(), "binder:direct");
-    constexpr int kMaxDirectServers = 1024;
-    for (;;) {
-        int fd = accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0) {
-            if (errno == EINTR || errno == ECONNABORTED) continue;
-            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-                usleep(10 * 1000);
-                continue;
-            }
-            break;  // shut down
-        }
-        if (self->mDirectServers.load() >= kMaxDirectServers) {
-            close(fd);
-            continue;
-        }
-        self->mDirectServers++;
-        DirectArgs* args = new DirectArgs{self, fd};
-        pthread_attr_t attr;
-        pthread_attr_init(&attr);
-        pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-        pthread_t t;
-        if (pthread_create(&t, &attr, directServeMain, args) != 0) {
-            self->mDirectServers--;
-            close(fd);
-            delete args;
-        }
-        pthread_attr_destroy(&attr);
-    }
-    close(listenFd);
-    self->decStrong(self);
-    return nullptr;
+hostbinder::IncomingCalls* ProcessState::incoming() {
+    Mutex::Autolock _l(mRuntimeLock);
+    return mIncoming;
 }
 
-void* ProcessState::directServeMain(void* arg) {
-    DirectArgs* a = static_cast<DirectArgs*>(arg);
-    ProcessState* self = a->process;
-    const int fd = a->fd;
-    delete a;
-    pthread_setname_np(pthread_self(), self->makeBinderThreadName().string());
-    IPCThreadState::self()->serveDirectConnection(fd);
-    self->mDirectServers--;
-    return nullptr;
-}
-
-void ProcessState::noteHandleOwner(int32_t handle, pid_t owner, uint64_t token) {
+void ProcessState::noteHandleOwner(int32_t handle, pid_t owner, uint64_t ownerStart,
+                                   uint64_t name, uint64_t proof) {
     Mutex::Autolock _l(mLock);
     ssize_t i = mHandleToObject.indexOfKey(handle);
-    if (i < 0) return;
+    if (i < 0) {
+        // The introduction comes before the frame that carries the handle: the entry is made
+        // now and its proxy when the frame is read.
+        handle_entry fresh{nullptr, nullptr, 0, owner, ownerStart, name, proof};
+        mHandleToObject.add(handle, fresh);
+        return;
+    }
     handle_entry& e = mHandleToObject.editValueAt(i);
     e.owner = owner;
-    e.token = token;
+    e.ownerStart = ownerStart;
+    e.name = name;
+    e.proof = proof;
 }
 
-bool ProcessState::handleOwner(int32_t handle, pid_t* owner, uint64_t* token) {
+bool ProcessState::handleOwner(int32_t handle, pid_t* owner, uint64_t* ownerStart,
+                               uint64_t* name, uint64_t* proof) {
     Mutex::Autolock _l(mLock);
     ssize_t i = mHandleToObject.indexOfKey(handle);
     if (i < 0 || mHandleToObject.valueAt(i).owner <= 0) return false;
-    *owner = mHandleToObject.valueAt(i).owner;
-    *token = mHandleToObject.valueAt(i).token;
+    const handle_entry& e = mHandleToObject.valueAt(i);
+    *owner = e.owner;
+    *ownerStart = e.ownerStart;
+    *name = e.name;
+    *proof = e.proof;
     return true;
 }
 
-sp<IBinder> ProcessState::localForToken(uint64_t token) {
-    IBinder* candidate = reinterpret_cast<IBinder*>(token ^ mTokenKey);
+sp<IBinder> ProcessState::localForToken(uint64_t name) {
+    IBinder* candidate = reinterpret_cast<IBinder*>(name ^ mNameMask);
     Mutex::Autolock _l(mLock);
     ssize_t i = mLocalSent.indexOfKey(candidate);
     // Held by mLocalSent while its count is not zero, so it is alive.
@@ -285,14 +236,16 @@ sp<IBinder> ProcessState::getStrongProxyForHandle(int32_t handle) {
     if (result != nullptr) return result;
     const ssize_t i = mHandleToObject.indexOfKey(handle);
     BpBinder* b = BpBinder::create(handle);
-    handle_entry fresh{b, b->getWeakRefs(), 0, 0, 0};
+    handle_entry fresh{b, b->getWeakRefs(), 0, 0, 0, 0, 0};
     fresh.refs->incWeak(this);
     if (i >= 0) {
         handle_entry& e = mHandleToObject.editValueAt(i);
         // The dying proxy's deliveries pass on to the new one.
         fresh.received = e.received;
         fresh.owner = e.owner;
-        fresh.token = e.token;
+        fresh.ownerStart = e.ownerStart;
+        fresh.name = e.name;
+        fresh.proof = e.proof;
         if (e.refs != nullptr) e.refs->decWeak(this);
         e = fresh;
     } else {
@@ -427,6 +380,14 @@ void* poolThreadMain(void* arg) {
 
 void ProcessState::spawnPooledThread(bool isMain) {
     if (!mThreadPoolStarted) return;
+    if (!isMain) {
+        // The pool grows up to its maximum, whoever asks (the runtime, or direct calls finding
+        // no idle thread).
+        size_t spawned = mSpawnedThreads.load();
+        do {
+            if (spawned >= maxThreads()) return;
+        } while (!mSpawnedThreads.compare_exchange_weak(spawned, spawned + 1));
+    }
     PoolThreadArgs* args = new PoolThreadArgs{isMain, makeBinderThreadName()};
     pthread_attr_t attr;
     pthread_attr_init(&attr);
@@ -435,6 +396,7 @@ void ProcessState::spawnPooledThread(bool isMain) {
     if (pthread_create(&t, &attr, poolThreadMain, args) != 0) {
         ALOGE("cannot start a binder thread");
         delete args;
+        if (!isMain) mSpawnedThreads--;
     }
     pthread_attr_destroy(&attr);
 }

@@ -5,6 +5,7 @@
 #include <log/log.h>
 #include <utils/Errors.h>
 
+#include <errno.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -12,12 +13,13 @@ namespace android {
 namespace hostbinder {
 
 ThreadConnection::~ThreadConnection() {
-    drop();
+    if (mFd >= 0) close(mFd);
 }
 
 void ThreadConnection::drop() {
-    if (mFd >= 0) close(mFd);
-    mFd = -1;
+    // The descriptor stays open until the connection is destroyed, so that a thread sending
+    // on it meanwhile never writes to a descriptor that was reused.
+    if (!mBroken.exchange(true) && mFd >= 0) ::shutdown(mFd, SHUT_RDWR);
 }
 
 bool ThreadConnection::readPeer() {
@@ -38,7 +40,7 @@ status_t ThreadConnection::read(InboundFrame* out) {
             drop();
             return DEAD_OBJECT;
         }
-        if (mFd < 0) return DEAD_OBJECT;
+        if (mFd < 0 || mBroken) return DEAD_OBJECT;
         ssize_t n = mReader.fill(mFd, 0);
         if (n <= 0) {
             drop();
@@ -47,11 +49,20 @@ status_t ThreadConnection::read(InboundFrame* out) {
     }
 }
 
+status_t ThreadConnection::fillAvailable() {
+    if (mFd < 0 || mBroken) return DEAD_OBJECT;
+    const ssize_t n = mReader.fill(mFd, MSG_DONTWAIT);
+    if (n > 0 || n == -EAGAIN || n == -EINTR) return NO_ERROR;
+    return DEAD_OBJECT;
+}
+
 status_t ThreadConnection::send(uint16_t type, uint32_t seq, const iovec* parts, int partCount,
                                 const int* fds, size_t fdCount) {
-    if (mFd < 0) return DEAD_OBJECT;
+    std::lock_guard<std::mutex> l(mSendLock);
+    if (broken() || mWriteFailed) return DEAD_OBJECT;
     if (sendFrameBlocking(mFd, type, seq, parts, partCount, fds, fdCount) != 0) {
-        drop();
+        // Sends fail from now on; what the peer sent before it went stays readable.
+        mWriteFailed = true;
         return DEAD_OBJECT;
     }
     return NO_ERROR;

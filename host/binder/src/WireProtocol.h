@@ -18,7 +18,7 @@ namespace android {
 namespace hostbinder {
 
 constexpr uint32_t kWireMagic = 0x444e4248;  // "HBND"
-constexpr uint32_t kWireVersion = 2;
+constexpr uint32_t kWireVersion = 3;
 
 // The largest transaction (data plus object offsets): 1 MB less two pages, as the kernel
 // driver's buffer.
@@ -39,6 +39,16 @@ constexpr size_t kMaxFramePayload = 64 + kMaxTransactionBytes;
 constexpr uint32_t kTransactionAckWanted = 1;
 constexpr uint32_t kOnewayWindowCalls = 64;
 constexpr size_t kOnewayWindowBytes = 256 * 1024;
+
+// Direct connections. A sender may have this many bytes of one-way calls (data plus
+// kOnewayCallOverhead each) on one connection that its receiver has not run yet: half of the
+// 1 MB - 8 KB transaction space, as the kernel driver gives async calls.
+constexpr size_t kDirectOnewayBudget = kMaxTransactionBytes / 2;
+constexpr size_t kOnewayCallOverhead = 64;
+// Processes named in a direct call's chain (the threads waiting further up it).
+constexpr size_t kMaxChainLinks = 16;
+// The key a process gives the runtime for the proofs of the names of its objects.
+constexpr size_t kObjectKeyBytes = 16;
 
 // The runtime's own objects.
 constexpr int32_t kServiceManagerHandle = 0;
@@ -80,10 +90,12 @@ enum FrameType : uint16_t {
     kFrameDeathAck = 37,             // DeathAck
     kFrameSpawnLooper = 38,          // no payload
     kFrameParkAck = 39,              // ParkAck
+    kFrameIntroduce = 40,            // Introduce: the owner of a handle, for direct calls
 
     // Process <-> process, on a direct connection.
     kFrameDirectCall = 48,   // DirectCall + data
     kFrameDirectReply = 49,  // DirectReply + data
+    kFrameDirectCredit = 50, // DirectCredit: one-way bytes run and given back to the sender
 };
 
 enum ConnectionRole : uint32_t {
@@ -96,9 +108,10 @@ struct Hello {
     uint32_t version;
     uint32_t role;        // ConnectionRole
     uint32_t maxThreads;  // pool size limit (kRoleProcess only)
-    uint64_t tokenKey;    // kRoleProcess: masks the object names handed to direct peers
+    // kRoleProcess: the key of the proofs that go with the names of its objects (Introduce).
+    uint8_t objectKey[kObjectKeyBytes];
 };
-static_assert(sizeof(Hello) == 24);
+static_assert(sizeof(Hello) == 32);
 
 struct HelloAck {
     uint32_t magic;
@@ -224,15 +237,43 @@ static_assert(sizeof(Fetch) == 16);
 
 // A synchronous call on a direct connection. The caller's identity is the connection's
 // SO_PEERCRED. Either the data follows (no objects), or parkId names the body in the runtime.
+// The runtime introduces the owner of a handle it delivers, right before the frame that carries
+// it: the owner's pid and start time, the object's name there, and the proof that the runtime
+// named it to this process (keyed with the owner's objectKey over the name and this process's
+// pid and start time). No introduction: calls on the handle go through the runtime.
+struct Introduce {
+    int32_t handle;
+    int32_t ownerPid;
+    uint64_t ownerStart;  // the owner's start time, in clock ticks after boot (/proc/PID/stat)
+    uint64_t name;
+    uint64_t proof;
+};
+static_assert(sizeof(Introduce) == 32);
+
 struct DirectCall {
-    uint64_t token;  // the object, as the runtime named it to the caller
-    uint64_t parkId;
+    uint64_t name;    // the object, as the runtime named it to the caller
+    uint64_t proof;   // the runtime's proof that it named it to the caller
+    uint64_t parkId;  // non-zero: the body (with objects) is parked in the runtime
+    uint64_t serveOn; // non-zero: the receiver's thread that waits in this call's chain
     uint32_t code;
     uint32_t flags;
     uint32_t dataSize;
-    uint32_t objectsCount;  // always 0
+    uint32_t chainCount;  // ChainLinks between the fixed part and the data
 };
-static_assert(sizeof(DirectCall) == 32);
+static_assert(sizeof(DirectCall) == 48);
+
+// A thread waiting for a reply further up a direct call's chain.
+struct ChainLink {
+    uint64_t thread;  // the id its process gave it (never 0)
+    int32_t pid;
+    uint32_t reserved;
+};
+static_assert(sizeof(ChainLink) == 16);
+
+struct DirectCredit {
+    uint64_t bytes;  // one-way call bytes the receiver has run since its last credit
+};
+static_assert(sizeof(DirectCredit) == 8);
 
 struct DirectReply {
     uint64_t parkId;
@@ -268,6 +309,8 @@ constexpr size_t fixedPayloadSize(uint16_t type) {
         case kFrameParkAck: return sizeof(ParkAck);
         case kFrameDirectCall: return sizeof(DirectCall);
         case kFrameDirectReply: return sizeof(DirectReply);
+        case kFrameIntroduce: return sizeof(Introduce);
+        case kFrameDirectCredit: return sizeof(DirectCredit);
         default: return 0;
     }
 }

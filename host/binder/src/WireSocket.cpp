@@ -42,11 +42,12 @@ uint8_t* InboundFrame::takePayload() {
     return p;
 }
 
-FrameReader::FrameReader()
+FrameReader::FrameReader(bool acceptsFds)
       : mBuf(static_cast<uint8_t*>(malloc(kInitialReadBuffer))),
         mCap(kInitialReadBuffer),
         mStart(0),
-        mEnd(0) {}
+        mEnd(0),
+        mAcceptsFds(acceptsFds) {}
 
 FrameReader::~FrameReader() {
     free(mBuf);
@@ -104,9 +105,22 @@ ssize_t FrameReader::fill(int fd, int flags) {
             badControl = true;
         }
     }
+    if (!mAcceptsFds && !mFds.empty()) {
+        for (int received : mFds) close(received);
+        mFds.clear();
+        return -EBADMSG;
+    }
     if (badControl || mFds.size() > kMaxQueuedFds) return -EBADMSG;
     mEnd += static_cast<size_t>(n);
     return n;
+}
+
+bool FrameReader::hasFrame() const {
+    if (mEnd - mStart < sizeof(FrameHeader)) return false;
+    FrameHeader h;
+    memcpy(&h, mBuf + mStart, sizeof(h));
+    // A malformed header counts too: pop() reports it without reading more.
+    return h.size > kMaxFramePayload || mEnd - mStart >= sizeof(FrameHeader) + h.size;
 }
 
 FrameReader::Result FrameReader::pop(InboundFrame* out) {
@@ -233,8 +247,9 @@ bool frameLooksValid(const FrameHeader& header, const uint8_t* payload) {
         }
         case kFrameDirectCall: {
             auto* r = reinterpret_cast<const DirectCall*>(payload);
-            return r->objectsCount == 0 &&
-                   bodyFits(sizeof(*r), r->objectsCount, r->dataSize, header.size);
+            return r->chainCount <= kMaxChainLinks &&
+                   bodyFits(sizeof(*r) + size_t(r->chainCount) * sizeof(ChainLink), 0,
+                            r->dataSize, header.size);
         }
         case kFrameDirectReply: {
             auto* r = reinterpret_cast<const DirectReply*>(payload);
@@ -273,6 +288,7 @@ FrameBody frameBody(const FrameHeader& header, uint8_t* payload) {
             break;
         case kFrameDirectCall:
             data = reinterpret_cast<DirectCall*>(payload)->dataSize;
+            fixed += size_t(reinterpret_cast<DirectCall*>(payload)->chainCount) * sizeof(ChainLink);
             break;
         case kFrameDirectReply:
             data = reinterpret_cast<DirectReply*>(payload)->dataSize;

@@ -42,7 +42,9 @@ struct InboundFrame {
 // carries them; they are queued in arrival order and handed to frames by their fdCount.
 class FrameReader {
 public:
-    FrameReader();
+    // `acceptsFds` false: a descriptor arriving at all is a protocol violation (fill() closes
+    // it and returns -EBADMSG).
+    explicit FrameReader(bool acceptsFds = true);
     ~FrameReader();
     FrameReader(const FrameReader&) = delete;
     FrameReader& operator=(const FrameReader&) = delete;
@@ -58,6 +60,8 @@ public:
     Result pop(InboundFrame* out);
 
     size_t buffered() const { return mEnd - mStart; }
+    // A whole frame is buffered: pop() will not need more.
+    bool hasFrame() const;
 
 private:
     uint8_t* mBuf;
@@ -65,6 +69,7 @@ private:
     size_t mStart;
     size_t mEnd;
     std::deque<int> mFds;
+    bool mAcceptsFds;
 };
 
 // Writes a whole frame to a blocking socket: header, then `parts`, with `fds` attached to the

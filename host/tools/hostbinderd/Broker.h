@@ -148,7 +148,9 @@ private:
     struct Proc {
         pid_t pid = 0;
         uid_t uid = 0;
-        uint64_t tokenKey = 0;  // masks the object names its direct peers get
+        uint64_t startTime = 0;  // tells it from a later process with the same pid
+        uint8_t objectKey[kObjectKeyBytes] = {};  // keys the proofs of its objects' names
+        uint64_t nameMask = 0;  // masks its objects' addresses in their names
         size_t parkedCount = 0;  // bodies it parked that are not fetched yet
         size_t parkedBytes = 0;
         Conn* control = nullptr;
@@ -255,6 +257,10 @@ private:
     uint64_t mNextBufferId = 1;
     std::unordered_map<uint64_t, Parked> mParked;
     uint64_t mNextParkId = 1;
+    // Introductions of the handles delivered to one process, sent right before the frame that
+    // carries them (send()).
+    std::vector<Introduce> mIntroductions;
+    Proc* mIntroductionsFor = nullptr;
 };
 
 }  // namespace hostbinder

@@ -4,6 +4,7 @@
 
 #include "Broker.h"
 #include "BrokerInternal.h"
+#include "PeerIdentity.h"
 
 #include <binder/IBinder.h>
 #include <log/log.h>
@@ -200,7 +201,14 @@ void Broker::handleHello(Conn* c, InboundFrame& f) {
         p->uid = c->uid;
         p->control = c;
         p->maxThreads = std::min(h.maxThreads, kMaxThreadsLimit);
-        p->tokenKey = h.tokenKey;
+        p->startTime = processStartTime(c->pid);
+        memcpy(p->objectKey, h.objectKey, sizeof(p->objectKey));
+        p->nameMask = nameMask(h.objectKey);
+        if (p->startTime == 0) {
+            delete p;
+            closeConn(c);
+            return;
+        }
         p->conns.insert(c);
         c->proc = p;
         c->role = kRoleProcess;
@@ -315,6 +323,17 @@ void Broker::send(Conn* c, uint16_t type, const void* fixed, size_t fixedLen, co
                   size_t bodyLen, std::vector<int>* fds) {
     std::vector<int> none;
     if (fds == nullptr) fds = &none;
+    if (type == kFrameIncomingTransaction || type == kFrameIncomingReply) {
+        std::vector<Introduce> introductions;
+        introductions.swap(mIntroductions);
+        Proc* introduced = mIntroductionsFor;
+        mIntroductionsFor = nullptr;
+        if (introduced != nullptr && introduced == c->proc) {
+            for (const Introduce& i : introductions) {
+                send(c, kFrameIntroduce, &i, sizeof(i), nullptr, 0, nullptr);
+            }
+        }
+    }
     if (c->closed || c->fd < 0 || (c->proc != nullptr && c->proc->dying)) {
         closeAll(fds);
         return;

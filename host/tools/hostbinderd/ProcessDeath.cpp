@@ -56,6 +56,10 @@ void Broker::threadGone(Conn* c) {
 }
 
 void Broker::killProc(Proc* p) {
+    if (mIntroductionsFor == p) {
+        mIntroductions.clear();
+        mIntroductionsFor = nullptr;
+    }
     auto pit = mProcs.find(p->pid);
     if (pit != mProcs.end() && pit->second == p) mProcs.erase(pit);
 

@@ -4,6 +4,7 @@
 
 #include "Broker.h"
 #include "BrokerInternal.h"
+#include "PeerIdentity.h"
 
 #include <log/log.h>
 #include <utils/Errors.h>
@@ -95,12 +96,18 @@ void Broker::deliverNode(Node* n, Proc* target, flat_binder_object* obj,
     acquireNode(n);
     obj->hdr.type = BINDER_TYPE_HANDLE;
     obj->handle = static_cast<uint32_t>(r->handle);
-    // The introduction to the object's process for direct calls: its pid, and a name for the
-    // object that only its own process can turn back into the object.
-    // The pid goes in the upper half of the word whose lower half is the handle.
+    // The introduction to the object's process for direct calls goes right before the frame
+    // that carries the handle: the owner, a name for the object that only the owner can turn
+    // back into it, and the proof that this process was given the name.
     if (n->owner != nullptr && !n->owner->dying && !n->dead) {
-        obj->binder = (static_cast<uint64_t>(n->owner->pid) << 32) | uint32_t(r->handle);
-        obj->cookie = n->cookie ^ n->owner->tokenKey;
+        if (mIntroductionsFor != target) {
+            mIntroductions.clear();
+            mIntroductionsFor = target;
+        }
+        const uint64_t name = n->cookie ^ n->owner->nameMask;
+        mIntroductions.push_back(Introduce{r->handle, n->owner->pid, n->owner->startTime, name,
+                                           objectProof(n->owner->objectKey, name, target->pid,
+                                                       target->startTime)});
     }
 }
 

@@ -278,6 +278,22 @@ int openFdCount() {
     return n - 3;  // ".", ".." and the directory's own descriptor
 }
 
+int openFileFdCount() {
+    DIR* d = opendir("/proc/self/fd");
+    if (d == nullptr) return -1;
+    int n = 0;
+    while (dirent* e = readdir(d)) {
+        char link[256];
+        const std::string path = std::string("/proc/self/fd/") + e->d_name;
+        const ssize_t len = readlink(path.c_str(), link, sizeof(link) - 1);
+        if (len <= 0) continue;
+        link[len] = '\0';
+        if (strncmp(link, "socket:", 7) != 0 && strncmp(link, "anon_inode:", 11) != 0) n++;
+    }
+    closedir(d);
+    return n - 1;  // the directory's own descriptor
+}
+
 int threadCount() {
     DIR* d = opendir("/proc/self/task");
     if (d == nullptr) return -1;

@@ -20,6 +20,9 @@ namespace hostbinder {
 class ThreadConnection;
 struct InboundFrame;
 struct DirectState;
+struct DirectTarget;
+struct IncomingCall;
+struct PeerIdentity;
 }  // namespace hostbinder
 
 class IPCThreadState {
@@ -96,11 +99,15 @@ public:
     void releaseHandle(int32_t handle, uint64_t count);
     // Makes sure this thread is connected to the process's current runtime instance.
     status_t ensureRuntimeConnection();
-    // Serves the calls arriving on a direct connection from another process until it ends.
-    void serveDirectConnection(int fd);
-    // This thread received a handle whose object lives in `owner`: it connects to it now, so
-    // that its first call there finds the connection made.
-    void prepareDirectCalls(pid_t owner);
+    // Serves a synchronous call another process made directly, and answers it.
+    void serveIncoming(std::unique_ptr<hostbinder::IncomingCall> call);
+    // Runs a one-way call another process made directly.
+    void runOneway(hostbinder::IncomingCall& call);
+    // True inside joinThreadPool().
+    bool isLooper() const { return mIsLooper; }
+    // A call of this thread's chain: taken (true) when this thread waits for a direct reply.
+    // Any thread.
+    bool offerChainCall(std::unique_ptr<hostbinder::IncomingCall>* call);
 
 private:
     IPCThreadState();
@@ -115,17 +122,33 @@ private:
     status_t transactAsCaller(pid_t pid, uid_t uid, const sp<IBinder>& target, uint32_t code,
                               const Parcel& data, Parcel* reply, uint32_t flags);
 
-    // Direct calls (DirectCalls.cpp).
+    // Direct calls (DirectCalls.cpp). False: the owner cannot be reached directly, the call
+    // goes through the runtime; true: the call was made, with `result`.
     using DirectConnection = std::shared_ptr<hostbinder::ThreadConnection>;
-    status_t transactDirect(const DirectConnection& conn, uint64_t token, uint32_t code,
-                            const Parcel& data, Parcel* reply, uint32_t flags, const int* fds,
-                            size_t fdCount);
-    DirectConnection directConnection(pid_t pid);
-    status_t waitForDirectReply(const DirectConnection& conn, Parcel* reply);
-    void executeDirectCall(const DirectConnection& conn, hostbinder::InboundFrame& frame);
+    bool transactDirect(const hostbinder::DirectTarget& target, uint32_t code,
+                        const Parcel& data, Parcel* reply, uint32_t flags, const int* fds,
+                        size_t fdCount, status_t* result);
+    bool sendOnewayDirect(const hostbinder::DirectTarget& target, uint32_t code,
+                          const Parcel& data, uint32_t flags, const int* fds, size_t fdCount,
+                          status_t* result);
+    bool outgoingTo(const hostbinder::DirectTarget& target, DirectConnection* conn,
+                    hostbinder::PeerIdentity* peer);
+    status_t waitForDirectReply(const DirectConnection& conn,
+                                const hostbinder::PeerIdentity& peer, Parcel* reply);
+    // Serves a call that arrived on `conn` (from `peer`) on this thread and answers it there.
+    void serveDirectCall(const DirectConnection& conn, const hostbinder::PeerIdentity& peer,
+                         hostbinder::InboundFrame& frame, const sp<IBinder>& target);
+    status_t directBody(const hostbinder::PeerIdentity& peer, hostbinder::InboundFrame& frame,
+                        Parcel* buffer);
+    void addCredit(pid_t peer, hostbinder::InboundFrame& frame);
+    status_t drainCredits(pid_t peer);
     status_t parkBody(pid_t peer, const Parcel& body, const int* fds, size_t fdCount,
                       uint64_t* parkId);
     status_t fetchParked(pid_t peer, uint64_t parkId, Parcel* out);
+    // Takes one call from the mailbox and serves it; false when it is empty.
+    bool serveMailbox();
+    // Waits for work as a binder thread: a frame from the runtime, or direct calls.
+    status_t waitForWork();
 
     const sp<ProcessState> mProcess;
     hostbinder::ThreadConnection* mConnection;
@@ -143,6 +166,7 @@ private:
     size_t mOnewayUnackedBytes;
     bool mOnewayMustAck;  // the last acknowledged one was refused
     hostbinder::DirectState* mDirect;
+    int mPollFd;  // setupPolling(): the runtime connection and direct calls, in one epoll set
 };
 
 }  // namespace android

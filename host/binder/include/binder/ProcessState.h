@@ -18,6 +18,9 @@
 namespace android {
 
 class IPCThreadState;
+namespace hostbinder {
+class IncomingCalls;
+}
 
 class ProcessState : public virtual RefBase {
 public:
@@ -90,14 +93,21 @@ public:
     // Sends a frame on the process's lifetime connection.
     status_t sendProcessFrame(uint16_t type, const void* payload, size_t size);
 
-    // Direct calls. The runtime names, with each handle it delivers, the process that owns the
-    // object and a token for it there.
-    void noteHandleOwner(int32_t handle, pid_t owner, uint64_t token);
+    // Direct calls. The runtime introduces, with each handle it delivers, the process that
+    // owns the object (pid and start time), its name there and the proof that this process
+    // was given it.
+    void noteHandleOwner(int32_t handle, pid_t owner, uint64_t ownerStart, uint64_t name,
+                         uint64_t proof);
     // False when calls on `handle` go through the runtime.
-    bool handleOwner(int32_t handle, pid_t* owner, uint64_t* token);
+    bool handleOwner(int32_t handle, pid_t* owner, uint64_t* ownerStart, uint64_t* name,
+                     uint64_t* proof);
     // The local object a direct peer named, while the runtime may count references to it (so
     // only objects this process sent out); null otherwise.
-    sp<IBinder> localForToken(uint64_t token);
+    sp<IBinder> localForToken(uint64_t name);
+    // The key of the proofs that go with the names of this process's objects.
+    const uint8_t* objectKey() const { return mObjectKey; }
+    // The direct calls other processes make to this one (null before it joined an instance).
+    hostbinder::IncomingCalls* incoming();
 
 private:
     // The live proxy for `handle`, or null; mLock held.
@@ -113,15 +123,15 @@ private:
     status_t connectRuntime(Vector<IBinder*>* released);
     void startDirectListener();
     void stopDirectListener();
-    static void* directAcceptMain(void* arg);
-    static void* directServeMain(void* arg);
 
     struct handle_entry {
         IBinder* binder;
         RefBase::weakref_type* refs;
         uint64_t received;  // deliveries of this handle the runtime has counted
         pid_t owner;        // the object's process, 0: calls go through the runtime
-        uint64_t token;     // the object's name there
+        uint64_t ownerStart;
+        uint64_t name;      // the object's name there
+        uint64_t proof;     // the runtime's proof that this process was given the name
     };
 
     String8 mSocketPath;
@@ -138,9 +148,12 @@ private:
     int32_t mThreadPoolSeq;
     bool mThreadPoolStarted;
     CallRestriction mCallRestriction;
-    uint64_t mTokenKey;         // masks the names the runtime gives direct peers for our objects
-    int mDirectListenFd;        // guarded by mRuntimeLock; owned by the accepting thread
-    std::atomic<int> mDirectServers;  // threads serving direct connections
+    uint8_t mObjectKey[16];     // keys the proofs of our objects' names (Hello)
+    uint64_t mNameMask;         // masks our objects' addresses in their names
+    // The direct calls of the instance joined now (guarded by mRuntimeLock; one made per
+    // instance joined and never destroyed, since a binder thread may still hold it).
+    hostbinder::IncomingCalls* mIncoming;
+    std::atomic<size_t> mSpawnedThreads;  // pool threads started (not the main one)
 };
 
 }  // namespace android

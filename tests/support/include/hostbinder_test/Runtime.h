@@ -66,6 +66,9 @@ private:
 
 // Counts this process's open fds and threads (for leak checks in teardown).
 int openFdCount();
+// Open descriptors of files and memory (not sockets, epoll sets or event counters, which
+// binder threads open for their connections).
+int openFileFdCount();
 int threadCount();
 
 }  // namespace hostbinder_test
