@@ -93,14 +93,36 @@ bool readFrame(int fd, FrameReader& reader, InboundFrame* out) {
     }
 }
 
-// True when the other end closes `fd` within 3 s, whatever it sends first.
-bool closedByPeer(int fd) {
+// True when the other end closes `fd` within 3 s, whatever it sends first (`received`, when
+// given, counts what it sent).
+bool closedByPeer(int fd, size_t* received = nullptr) {
     char buf[4096];
     for (pollfd p{fd, POLLIN, 0}; poll(&p, 1, 3000) == 1;) {
         const ssize_t n = recv(fd, buf, sizeof(buf), MSG_DONTWAIT);
         if (n == 0 || (n < 0 && errno != EAGAIN)) return true;
+        if (n > 0 && received != nullptr) *received += static_cast<size_t>(n);
     }
     return false;
+}
+
+// replay PATH PID NAME PROOF: as another process (uid 65534 when root), calls PID directly on
+// the object NAME with the PROOF the runtime gave someone else; prints "closed=C answered=A".
+TEST_ROLE(replay) {
+    if (getuid() == 0 &&
+        (setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0)) {
+        return 4;
+    }
+    const int fd = connectDirect(directAddress(args.at(0).c_str(), std::stoi(args.at(1))));
+    if (fd < 0) return 5;
+    const Bytes call = frame(kFrameDirectCall, 0,
+                             bytesOf(DirectCall{std::stoull(args.at(2)), std::stoull(args.at(3)), 0,
+                                                0, hostbinder_ipc::kEcho, 0, 4, 0}) +
+                                     bytesOf(int32_t(7)));
+    if (send(fd, call.data(), call.size(), MSG_NOSIGNAL) != ssize_t(call.size())) return 6;
+    size_t received = 0;
+    const bool closed = closedByPeer(fd, &received);
+    printf("closed=%d answered=%d\n", closed ? 1 : 0, received > 0 ? 1 : 0);
+    return 0;
 }
 
 // The ints of a reply's data.
@@ -409,7 +431,9 @@ TEST_F(HostileTest, DirectPeersBreakingTheProtocolLoseOnlyTheirConnection) {
         ASSERT_GE(fd, 0);
         sendAll(fd, c.bytes);
         if (c.outcome == kDropped) {
-            EXPECT_TRUE(closedByPeer(fd));
+            size_t received = 0;
+            EXPECT_TRUE(closedByPeer(fd, &received));
+            EXPECT_EQ(0u, received) << "it was answered";
         }
         if (c.outcome == kRefused) {
             FrameReader reader;
@@ -427,6 +451,18 @@ TEST_F(HostileTest, DirectPeersBreakingTheProtocolLoseOnlyTheirConnection) {
     }
     EXPECT_TRUE(serviceAnswers());
     EXPECT_TRUE(waitUntil([&] { return countEntries(serviceFds) == fdsBefore; }));
+}
+
+// The name and proof the runtime gave one process are worth nothing to another: its call is
+// not served, its connection ends, and the service says why.
+TEST_F(HostileTest, AnObjectsProofServesOnlyTheProcessItWasGivenTo) {
+    joinAndFindTheService();
+    const std::string out = hostbinder_test::runRole(
+            "replay", {mRuntime->socketPath(), std::to_string(mService->pid()),
+                       std::to_string(mIntroduction.name), std::to_string(mIntroduction.proof)});
+    EXPECT_NE(std::string::npos, out.find("closed=1 answered=0")) << out;
+    EXPECT_TRUE(mService->waitForOutput("it named an object without the runtime's proof"))
+            << mService->output();
 }
 
 TEST_F(HostileTest, AThousandConnectionsComeAndGo) {

@@ -409,6 +409,10 @@ TEST_F(IpcTest, OnewayFloodIntoAStalledReceiverIsDeliveredOrRefusedNeverLost) {
         ASSERT_NE(std::string::npos, at) << out;
         ASSERT_EQ(3, sscanf(out.c_str() + at, "taken=%d refused=%d other=%d", &t, &r, &other));
         EXPECT_EQ(0, other) << out;
+        // A stalled receiver takes what fits its one-way budget from each sender, no more.
+        EXPECT_LE(t, int(hostbinder::kDirectOnewayBudget /
+                         (64 * 1024 + 8 + hostbinder::kOnewayCallOverhead)))
+                << out;
         taken += t;
         refused += r;
     }

@@ -21,6 +21,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <vector>
+
 namespace android {
 
 using hostbinder::ChainLink;
@@ -262,10 +264,21 @@ status_t IPCThreadState::waitForDirectReply(const DirectConnection& conn, const 
     status_t result = NO_ERROR;
     for (;;) {
         if (!conn->hasBufferedFrame()) {
-            // Calls of this thread's chain that came through another process.
+            // Calls of this thread's chain that came through another process: they reach its
+            // mailbox; this thread reads the process's connections too, so that they arrive
+            // when no binder thread is free (or there is none).
             if (serveMailbox()) continue;
-            pollfd fds[2] = {{conn->fd(), POLLIN, 0}, {mDirect->mailboxFd, POLLIN, 0}};
-            if (poll(fds, 2, -1) < 0 && errno != EINTR) {
+            // The connections of the calls this thread serves are read by it alone: a call
+            // arriving on one comes from a thread waiting in this chain.
+            if (serveNestedOnServing(conn)) continue;
+            hostbinder::IncomingCalls* incoming = mProcess->incoming();
+            std::vector<pollfd> fds{{conn->fd(), POLLIN, 0},
+                                    {mDirect->mailboxFd, POLLIN, 0},
+                                    {incoming != nullptr ? incoming->waitFd() : -1, POLLIN, 0}};
+            for (const DirectState::Serving& s : mDirect->serving) {
+                if (s.conn != conn && !s.conn->broken()) fds.push_back({s.conn->fd(), POLLIN, 0});
+            }
+            if (poll(fds.data(), fds.size(), -1) < 0 && errno != EINTR) {
                 result = FAILED_TRANSACTION;
                 break;
             }
@@ -273,6 +286,14 @@ status_t IPCThreadState::waitForDirectReply(const DirectConnection& conn, const 
                 uint64_t count;
                 ssize_t n = read(mDirect->mailboxFd, &count, sizeof(count));
                 (void)n;
+            }
+            if (fds[2].revents & POLLIN) incoming->readForChain();
+            bool servingReadable = false;
+            for (size_t i = 3; i < fds.size(); i++) servingReadable |= fds[i].revents != 0;
+            if (servingReadable) {
+                for (const DirectState::Serving& s : mDirect->serving) {
+                    if (s.conn != conn) s.conn->fillAvailable();
+                }
             }
             if ((fds[0].revents & (POLLIN | POLLHUP | POLLERR)) == 0) continue;
         }
@@ -326,6 +347,31 @@ status_t IPCThreadState::waitForDirectReply(const DirectConnection& conn, const 
     // Calls that came for this thread as its wait ended are served before it goes on.
     for (auto& call : left) serveIncoming(std::move(call));
     return result;
+}
+
+bool IPCThreadState::serveNestedOnServing(const DirectConnection& waitingOn) {
+    for (size_t i = mDirect->serving.size(); i-- > 0;) {
+        const DirectConnection servingConn = mDirect->serving[i].conn;
+        if (servingConn == waitingOn || !servingConn->hasBufferedFrame()) continue;
+        const PeerIdentity peer = mDirect->serving[i].peer;
+        InboundFrame frame;
+        const hostbinder::FrameReader::Result r = servingConn->pop(&frame);
+        if (r == hostbinder::FrameReader::Result::kFrame &&
+            frame.header.type == hostbinder::kFrameDirectCall &&
+            (frame.fixed<hostbinder::DirectCall>().flags & IBinder::FLAG_ONEWAY) == 0) {
+            const hostbinder::DirectCall call = frame.fixed<hostbinder::DirectCall>();
+            if (hostbinder::sameProof(call.proof,
+                                      hostbinder::objectProof(mProcess->objectKey(), call.name,
+                                                              peer.pid, peer.start))) {
+                serveDirectCall(servingConn, peer, frame, mProcess->localForToken(call.name));
+                return true;
+            }
+        }
+        ALOGW("pid %d broke the direct call protocol", peer.pid);
+        servingConn->shutdown();
+        return true;
+    }
+    return false;
 }
 
 status_t IPCThreadState::directBody(const PeerIdentity& peer, InboundFrame& frame,

@@ -275,6 +275,7 @@ int IPCThreadState::setupPolling(int* fd) {
         epoll_ctl(mPollFd, EPOLL_CTL_ADD, mConnection->fd(), &ev);
         if (hostbinder::IncomingCalls* incoming = mProcess->incoming()) {
             epoll_ctl(mPollFd, EPOLL_CTL_ADD, incoming->waitFd(), &ev);
+            epoll_ctl(mPollFd, EPOLL_CTL_ADD, incoming->wakeFd(), &ev);
         }
     }
     *fd = mPollFd;
@@ -301,6 +302,8 @@ status_t IPCThreadState::handlePolledCommands() {
             worked = true;
         }
         if (hostbinder::IncomingCalls* incoming = mProcess->incoming()) {
+            pollfd wake{incoming->wakeFd(), POLLIN, 0};
+            while (poll(&wake, 1, 0) == 1) incoming->drainWake();
             while (incoming->serveOne(this)) worked = true;
         }
         if (!worked) return NO_ERROR;
@@ -379,10 +382,12 @@ status_t IPCThreadState::waitForWork() {
     if (!mConnection->hasBufferedFrame()) {
         hostbinder::IncomingCalls* incoming = mProcess->incoming();
         if (incoming != nullptr && incoming->serveOne(this)) return NO_ERROR;
-        pollfd fds[2] = {{mConnection->fd(), POLLIN, 0},
-                         {incoming != nullptr ? incoming->waitFd() : -1, POLLIN, 0}};
-        int n = poll(fds, 2, -1);
+        pollfd fds[3] = {{mConnection->fd(), POLLIN, 0},
+                         {incoming != nullptr ? incoming->waitFd() : -1, POLLIN, 0},
+                         {incoming != nullptr ? incoming->wakeFd() : -1, POLLIN, 0}};
+        int n = poll(fds, 3, -1);
         if (n < 0 && errno != EINTR) return DEAD_OBJECT;
+        if (fds[2].revents & POLLIN) incoming->drainWake();
         if ((fds[0].revents & (POLLIN | POLLHUP | POLLERR)) == 0) return NO_ERROR;
     }
     InboundFrame frame;

@@ -19,9 +19,8 @@ namespace android {
 namespace hostbinder {
 
 namespace {
-// epoll tags that are not connections.
+// The epoll tag of the listener (the others are connections).
 char gListenTag;
-char gWakeTag;
 
 // Log lines about misbehaving peers are rate limited: a peer that makes many connections
 // break the protocol does not fill the log.
@@ -44,9 +43,6 @@ IncomingCalls::IncomingCalls(int listenFd) : mListenFd(listenFd) {
     mEpollFd = epoll_create1(EPOLL_CLOEXEC);
     mWakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE);
     epoll_event ev{};
-    ev.events = EPOLLIN;
-    ev.data.ptr = &gWakeTag;
-    epoll_ctl(mEpollFd, EPOLL_CTL_ADD, mWakeFd, &ev);
     ev.events = EPOLLIN | EPOLLONESHOT;
     ev.data.ptr = &gListenTag;
     epoll_ctl(mEpollFd, EPOLL_CTL_ADD, mListenFd, &ev);
@@ -150,26 +146,7 @@ bool IncomingCalls::serveOne(IPCThreadState* self) {
         }
     }
     if (mine == nullptr && object == nullptr) {
-        epoll_event ev{};
-        if (epoll_wait(mEpollFd, &ev, 1, 0) != 1) return false;
-        if (ev.data.ptr == &gWakeTag) {
-            uint64_t count;
-            ssize_t n = read(mWakeFd, &count, sizeof(count));
-            (void)n;
-            return true;  // the caller comes back and finds the work in the queues
-        }
-        if (ev.data.ptr == &gListenTag) {
-            acceptWaiting();
-            return true;
-        }
-        std::shared_ptr<IncomingConnection> c;
-        {
-            std::lock_guard<std::mutex> l(mLock);
-            auto it = mConns.find(static_cast<IncomingConnection*>(ev.data.ptr));
-            if (it == mConns.end()) return true;
-            c = it->second;
-        }
-        readConnection(c, &mine);
+        if (!readOne(&mine)) return false;
         if (mine == nullptr) return true;
     }
     const bool looper = self->isLooper();
@@ -181,6 +158,38 @@ bool IncomingCalls::serveOne(IPCThreadState* self) {
     }
     workDone(looper);
     return true;
+}
+
+bool IncomingCalls::readOne(std::unique_ptr<IncomingCall>* mine) {
+    epoll_event ev{};
+    if (epoll_wait(mEpollFd, &ev, 1, 0) != 1) return false;
+    if (ev.data.ptr == &gListenTag) {
+        acceptWaiting();
+        return true;
+    }
+    std::shared_ptr<IncomingConnection> c;
+    {
+        std::lock_guard<std::mutex> l(mLock);
+        auto it = mConns.find(static_cast<IncomingConnection*>(ev.data.ptr));
+        if (it == mConns.end()) return true;
+        c = it->second;
+    }
+    readConnection(c, mine);
+    return true;
+}
+
+bool IncomingCalls::readForChain() {
+    {
+        std::lock_guard<std::mutex> l(mLock);
+        if (mShutdown) return false;
+    }
+    return readOne(nullptr);
+}
+
+void IncomingCalls::drainWake() {
+    uint64_t count;
+    ssize_t n = read(mWakeFd, &count, sizeof(count));
+    (void)n;
 }
 
 void IncomingCalls::acceptWaiting() {
@@ -326,7 +335,7 @@ void IncomingCalls::readConnection(const std::shared_ptr<IncomingConnection>& c,
         if (dc.serveOn != 0 && ChainThreads::get().handTo(dc.serveOn, &call)) {
             return;
         }
-        if (*mine == nullptr) {
+        if (mine != nullptr && *mine == nullptr) {
             *mine = std::move(call);
         } else {
             std::lock_guard<std::mutex> l(mLock);

@@ -75,11 +75,20 @@ public:
     IncomingCalls(const IncomingCalls&) = delete;
     IncomingCalls& operator=(const IncomingCalls&) = delete;
 
-    // Readable when serveOne() may find work.
+    // Readable when a connection or the listener needs a thread (an epoll set).
     int waitFd() const { return mEpollFd; }
+    // Readable while work read earlier waits in the queues (an eventfd counting it);
+    // drainWake() takes one count.
+    int wakeFd() const { return mWakeFd; }
+    void drainWake();
 
     // Takes at most one piece of work and runs it on `self`. False when there was none.
     bool serveOne(IPCThreadState* self);
+
+    // For a thread that waits for a reply: reads what one connection sent, without running
+    // anything itself. Calls of its own chain reach it through its mailbox; the rest is queued
+    // for the binder threads. False when nothing was ready.
+    bool readForChain();
 
     // A synchronous call from `c` has been answered: its connection is read again.
     void resume(const std::shared_ptr<IncomingConnection>& c);
@@ -98,7 +107,10 @@ public:
 
 private:
     void acceptWaiting();
-    // Reads what `c` has sent; a synchronous call for this thread to serve goes to `mine`.
+    // Reads from the next ready connection (or accepts); false when none was ready.
+    bool readOne(std::unique_ptr<IncomingCall>* mine);
+    // Reads what `c` has sent; a synchronous call for this thread to serve goes to `mine`
+    // (null: the thread serves none, the call is queued).
     void readConnection(const std::shared_ptr<IncomingConnection>& c,
                         std::unique_ptr<IncomingCall>* mine);
     // Checks a call's object and proof; null (and the connection closed) when it fails.

@@ -145,6 +145,9 @@ private:
     status_t parkBody(pid_t peer, const Parcel& body, const int* fds, size_t fdCount,
                       uint64_t* parkId);
     status_t fetchParked(pid_t peer, uint64_t parkId, Parcel* out);
+    // Serves a call read from the connection of a call this thread serves (other than
+    // `waitingOn`); false when none has one.
+    bool serveNestedOnServing(const DirectConnection& waitingOn);
     // Takes one call from the mailbox and serves it; false when it is empty.
     bool serveMailbox();
     // Waits for work as a binder thread: a frame from the runtime, or direct calls.
