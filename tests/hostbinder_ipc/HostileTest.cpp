@@ -146,7 +146,7 @@ struct RawPeer {
     // Joins as a process; true when the runtime acknowledged.
     bool join() {
         sendAll(fd, frame(kFrameHello, 0,
-                          bytesOf(Hello{kWireMagic, kWireVersion, kRoleProcess, 15, 0})));
+                          bytesOf(Hello{kWireMagic, kWireVersion, kRoleProcess, 15, {}})));
         InboundFrame ack;
         return readFrame(fd, reader, &ack) && ack.header.type == kFrameHelloAck;
     }
@@ -267,10 +267,10 @@ TEST_F(HostileTest, ProtocolViolationsDropOnlyTheOffender) {
     const Case cases[] = {
             {"garbage before hello", false, junk(), true},
             {"hello with a wrong magic", false,
-             frame(kFrameHello, 0, bytesOf(Hello{0x1234, kWireVersion, kRoleProcess, 15, 0})),
+             frame(kFrameHello, 0, bytesOf(Hello{0x1234, kWireVersion, kRoleProcess, 15, {}})),
              true},
             {"thread of a process that never joined", false,
-             frame(kFrameHello, 0, bytesOf(Hello{kWireMagic, kWireVersion, kRoleThread, 0, 0})),
+             frame(kFrameHello, 0, bytesOf(Hello{kWireMagic, kWireVersion, kRoleThread, 0, {}})),
              true},
             {"unknown frame type", true, frame(999, 1, Bytes(8)), true},
             {"size beyond any frame", true,
@@ -301,7 +301,7 @@ TEST_F(HostileTest, ProtocolViolationsDropOnlyTheOffender) {
                    bytesOf(IncomingTransaction{0, 0, 0, 1, 0, 1, 0, 0, 0})),
              true},
             {"second hello", true,
-             frame(kFrameHello, 1, bytesOf(Hello{kWireMagic, kWireVersion, 1, 1, 0})), true},
+             frame(kFrameHello, 1, bytesOf(Hello{kWireMagic, kWireVersion, 1, 1, {}})), true},
             {"frame cut in its header", true,
              Bytes(cutTransaction.begin(), cutTransaction.begin() + 7), false},
             {"frame cut in its payload", true,
@@ -419,6 +419,12 @@ TEST_F(HostileTest, DirectPeersBreakingTheProtocolLoseOnlyTheirConnection) {
              kDropped, 0},
             {"the name it was given with another proof", directCall(name, proof ^ 1u, 0, 0),
              kDropped, 0},
+            {"a one-way call beyond the budget",
+             frame(kFrameDirectCall, 0,
+                   bytesOf(DirectCall{name, proof, 0, 0, hostbinder_ipc::kEcho,
+                                      IBinder::FLAG_ONEWAY, uint32_t(kDirectOnewayBudget), 0}) +
+                           Bytes(kDirectOnewayBudget)),
+             kDropped, 0},
             {"a call naming a body it did not park", directCall(name, proof, 12345, 0), kRefused,
              BAD_VALUE},
             {"a call with a body it parked", directCall(name, proof, parkId, 0), kRefused,
@@ -442,6 +448,30 @@ TEST_F(HostileTest, DirectPeersBreakingTheProtocolLoseOnlyTheirConnection) {
             EXPECT_EQ(kFrameDirectReply, answer.header.type);
             EXPECT_EQ(c.status, answer.fixed<DirectReply>().status);
         }
+        close(fd);
+    }
+    {
+        // Descriptors are never taken on a direct connection.
+        const int fd = connectToTheService();
+        ASSERT_GE(fd, 0);
+        const Bytes call = directCall(name, proof, 0, 0);
+        iovec iov{const_cast<uint8_t*>(call.data()), call.size()};
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+        msghdr msg{};
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        msg.msg_control = control;
+        msg.msg_controllen = sizeof(control);
+        cmsghdr* c = CMSG_FIRSTHDR(&msg);
+        c->cmsg_level = SOL_SOCKET;
+        c->cmsg_type = SCM_RIGHTS;
+        c->cmsg_len = CMSG_LEN(sizeof(int));
+        const int passed = STDIN_FILENO;
+        memcpy(CMSG_DATA(c), &passed, sizeof(passed));
+        ASSERT_EQ(ssize_t(call.size()), sendmsg(fd, &msg, MSG_NOSIGNAL));
+        size_t received = 0;
+        EXPECT_TRUE(closedByPeer(fd, &received));
+        EXPECT_EQ(0u, received);
         close(fd);
     }
     for (int i = 0; i < 300; i++) {

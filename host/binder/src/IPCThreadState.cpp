@@ -352,7 +352,7 @@ status_t IPCThreadState::ensureConnected() {
     mOnewayUnackedBytes = 0;
     mOnewayMustAck = false;
     hostbinder::Hello hello{hostbinder::kWireMagic, hostbinder::kWireVersion,
-                            hostbinder::kRoleThread, 0, 0};
+                            hostbinder::kRoleThread, 0, {}};
     iovec part{&hello, sizeof(hello)};
     return mConnection->send(hostbinder::kFrameHello, 0, &part, 1);
 }
@@ -381,13 +381,14 @@ void IPCThreadState::joinThreadPool(bool isMain) {
 status_t IPCThreadState::waitForWork() {
     if (!mConnection->hasBufferedFrame()) {
         hostbinder::IncomingCalls* incoming = mProcess->incoming();
-        if (incoming != nullptr && incoming->serveOne(this)) return NO_ERROR;
+        if (incoming != nullptr && incoming->serveQueued(this)) return NO_ERROR;
         pollfd fds[3] = {{mConnection->fd(), POLLIN, 0},
                          {incoming != nullptr ? incoming->waitFd() : -1, POLLIN, 0},
                          {incoming != nullptr ? incoming->wakeFd() : -1, POLLIN, 0}};
         int n = poll(fds, 3, -1);
         if (n < 0 && errno != EINTR) return DEAD_OBJECT;
         if (fds[2].revents & POLLIN) incoming->drainWake();
+        if (fds[1].revents & POLLIN) incoming->serveOne(this);
         if ((fds[0].revents & (POLLIN | POLLHUP | POLLERR)) == 0) return NO_ERROR;
     }
     InboundFrame frame;

@@ -131,7 +131,15 @@ void IncomingCalls::workDone(bool looper) {
     gBusy--;
 }
 
+bool IncomingCalls::serveQueued(IPCThreadState* self) {
+    return serve(self, false);
+}
+
 bool IncomingCalls::serveOne(IPCThreadState* self) {
+    return serve(self, true);
+}
+
+bool IncomingCalls::serve(IPCThreadState* self, bool read) {
     std::unique_ptr<IncomingCall> mine;
     IBinder* object = nullptr;
     {
@@ -146,7 +154,7 @@ bool IncomingCalls::serveOne(IPCThreadState* self) {
         }
     }
     if (mine == nullptr && object == nullptr) {
-        if (!readOne(&mine)) return false;
+        if (!read || !readOne(&mine)) return false;
         if (mine == nullptr) return true;
     }
     const bool looper = self->isLooper();
@@ -266,17 +274,18 @@ void IncomingCalls::resume(const std::shared_ptr<IncomingConnection>& c) {
     arm(c->conn->fd(), c.get());
 }
 
-sp<IBinder> IncomingCalls::resolve(const std::shared_ptr<IncomingConnection>& c,
-                                   const DirectCall& call) {
+bool IncomingCalls::resolve(const std::shared_ptr<IncomingConnection>& c, const DirectCall& call,
+                            sp<IBinder>* target) {
     sp<ProcessState> proc = ProcessState::self();
     // The proof ties the name to this peer process: a name the runtime gave another process,
     // or one derived from a name it was given, does not pass.
     if (!sameProof(call.proof,
                    objectProof(proc->objectKey(), call.name, c->peer.pid, c->peer.start))) {
         close(c, "it named an object without the runtime's proof");
-        return nullptr;
+        return false;
     }
-    return proc->localForToken(call.name);
+    *target = proc->localForToken(call.name);
+    return true;
 }
 
 void IncomingCalls::readConnection(const std::shared_ptr<IncomingConnection>& c,
@@ -295,15 +304,16 @@ void IncomingCalls::readConnection(const std::shared_ptr<IncomingConnection>& c,
         const DirectCall dc = call->frame.fixed<DirectCall>();
         call->from = c;
         call->owner = this;
-        call->target = resolve(c, dc);
-        if (c->closed) return;
+        if (!resolve(c, dc, &call->target)) return;
         const bool oneway = (dc.flags & IBinder::FLAG_ONEWAY) != 0;
         if (oneway) {
             call->onewayCost = onewayCost(dc);
+            bool beyondBudget = false;
+            {
             std::lock_guard<std::mutex> l(mLock);
             if (c->onewayHeld + call->onewayCost > kDirectOnewayBudget) {
                 // Beyond what the sender was given: it did not count as it must.
-                c->closed = true;
+                beyondBudget = true;
             } else if (call->target == nullptr) {
                 // An object it was given that is gone: nobody to run it; its bytes go back.
                 c->creditOwed += call->onewayCost;
@@ -318,11 +328,8 @@ void IncomingCalls::readConnection(const std::shared_ptr<IncomingConnection>& c,
                     wake();
                 }
             }
-            if (c->closed) {
-                c->closed = false;  // so that close() does its work
-            } else {
-                continue;
             }
+            if (!beyondBudget) continue;
             close(c, "one-way calls beyond its budget");
             return;
         }
@@ -345,7 +352,8 @@ void IncomingCalls::readConnection(const std::shared_ptr<IncomingConnection>& c,
         return;
     }
     if (filled != NO_ERROR) {
-        close(c, nullptr);  // the peer hung up (or its thread ended)
+        // The peer hung up (or its thread ended), or sent descriptors.
+        close(c, filled == BAD_VALUE ? "it sent descriptors" : nullptr);
         return;
     }
     std::lock_guard<std::mutex> l(mLock);

@@ -84,6 +84,9 @@ public:
 
     // Takes at most one piece of work and runs it on `self`. False when there was none.
     bool serveOne(IPCThreadState* self);
+    // The same, from the queues only (no system call): for a thread that is about to wait
+    // on waitFd() and wakeFd() anyway.
+    bool serveQueued(IPCThreadState* self);
 
     // For a thread that waits for a reply: reads what one connection sent, without running
     // anything itself. Calls of its own chain reach it through its mailbox; the rest is queued
@@ -106,6 +109,7 @@ public:
     size_t connectionCount() const;
 
 private:
+    bool serve(IPCThreadState* self, bool read);
     void acceptWaiting();
     // Reads from the next ready connection (or accepts); false when none was ready.
     bool readOne(std::unique_ptr<IncomingCall>* mine);
@@ -113,8 +117,10 @@ private:
     // (null: the thread serves none, the call is queued).
     void readConnection(const std::shared_ptr<IncomingConnection>& c,
                         std::unique_ptr<IncomingCall>* mine);
-    // Checks a call's object and proof; null (and the connection closed) when it fails.
-    sp<IBinder> resolve(const std::shared_ptr<IncomingConnection>& c, const DirectCall& call);
+    // Checks a call's proof (false: the connection is closed) and finds its object (null when
+    // this process no longer holds it for the runtime).
+    bool resolve(const std::shared_ptr<IncomingConnection>& c, const DirectCall& call,
+                 sp<IBinder>* target);
     void runOneway(IPCThreadState* self, IBinder* object);
     void arm(int fd, void* tag);
     void wake();

@@ -53,7 +53,7 @@ status_t ThreadConnection::fillAvailable() {
     if (mFd < 0 || mBroken) return DEAD_OBJECT;
     const ssize_t n = mReader.fill(mFd, MSG_DONTWAIT);
     if (n > 0 || n == -EAGAIN || n == -EINTR) return NO_ERROR;
-    return DEAD_OBJECT;
+    return n == -EBADMSG ? BAD_VALUE : DEAD_OBJECT;
 }
 
 status_t ThreadConnection::send(uint16_t type, uint32_t seq, const iovec* parts, int partCount,

@@ -40,7 +40,8 @@ public:
 
     // Blocks for the next frame. DEAD_OBJECT once the runtime is gone or broke the framing.
     status_t read(InboundFrame* out);
-    // Reads what the socket holds without waiting. DEAD_OBJECT at its end or on an error.
+    // Reads what the socket holds without waiting. DEAD_OBJECT at its end or on an error;
+    // BAD_VALUE when descriptors came that the connection does not take.
     status_t fillAvailable();
     // The next whole frame already read, if any (kNeedMore: none).
     FrameReader::Result pop(InboundFrame* out) { return mReader.pop(out); }
