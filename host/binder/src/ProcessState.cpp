@@ -19,6 +19,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <vector>
+
 
 namespace android {
 
@@ -163,8 +165,15 @@ void ProcessState::startDirectListener() {
 }
 
 // mRuntimeLock held. The old instance's calls end; threads that still hold it find nothing.
+// It is kept (a binder thread may be about to wait on its descriptors), in a list that is never
+// destroyed either.
 void ProcessState::stopDirectListener() {
-    if (mIncoming != nullptr) mIncoming->shutdown();
+    static std::vector<hostbinder::IncomingCalls*>& retired =
+            *new std::vector<hostbinder::IncomingCalls*>;
+    if (mIncoming != nullptr) {
+        mIncoming->shutdown();
+        retired.push_back(mIncoming);
+    }
     mIncoming = nullptr;
 }
 
