@@ -26,18 +26,11 @@
 
 using namespace android;
 using namespace android::hostbinder;
+using hostbinder_test::countEntries;
 using hostbinder_test::waitUntil;
 
 namespace {
 
-int countEntries(const std::string& dir) {
-    DIR* d = opendir(dir.c_str());
-    if (d == nullptr) return -1;
-    int n = 0;
-    while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
-    closedir(d);
-    return n;
-}
 
 using Bytes = std::vector<uint8_t>;
 

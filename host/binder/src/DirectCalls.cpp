@@ -321,16 +321,9 @@ status_t IPCThreadState::waitForDirectReply(const DirectConnection& conn, const 
                 addCredit(peer.pid, frame);
                 continue;
             }
-        } else if (type == hostbinder::kFrameDirectCall &&
-                   (frame.fixed<hostbinder::DirectCall>().flags & IBinder::FLAG_ONEWAY) == 0) {
+        } else if (serveNestedCall(conn, peer, frame)) {
             // A nested call back from the process we wait for: served here.
-            const hostbinder::DirectCall call = frame.fixed<hostbinder::DirectCall>();
-            if (hostbinder::sameProof(call.proof,
-                                      hostbinder::objectProof(mProcess->objectKey(), call.name,
-                                                              peer.pid, peer.start))) {
-                serveDirectCall(conn, peer, frame, mProcess->localForToken(call.name));
-                continue;
-            }
+            continue;
         }
         ALOGW("pid %d broke the direct call protocol", peer.pid);
         conn->shutdown();
@@ -349,23 +342,29 @@ status_t IPCThreadState::waitForDirectReply(const DirectConnection& conn, const 
     return result;
 }
 
+bool IPCThreadState::serveNestedCall(const DirectConnection& conn, const PeerIdentity& peer,
+                                     InboundFrame& frame) {
+    if (frame.header.type != hostbinder::kFrameDirectCall) return false;
+    const hostbinder::DirectCall call = frame.fixed<hostbinder::DirectCall>();
+    if ((call.flags & IBinder::FLAG_ONEWAY) != 0 ||
+        !hostbinder::sameProof(call.proof, hostbinder::objectProof(mProcess->objectKey(),
+                                                                   call.name, peer.pid,
+                                                                   peer.start))) {
+        return false;
+    }
+    serveDirectCall(conn, peer, frame, mProcess->localForToken(call.name));
+    return true;
+}
+
 bool IPCThreadState::serveNestedOnServing(const DirectConnection& waitingOn) {
     for (size_t i = mDirect->serving.size(); i-- > 0;) {
         const DirectConnection servingConn = mDirect->serving[i].conn;
         if (servingConn == waitingOn || !servingConn->hasBufferedFrame()) continue;
         const PeerIdentity peer = mDirect->serving[i].peer;
         InboundFrame frame;
-        const hostbinder::FrameReader::Result r = servingConn->pop(&frame);
-        if (r == hostbinder::FrameReader::Result::kFrame &&
-            frame.header.type == hostbinder::kFrameDirectCall &&
-            (frame.fixed<hostbinder::DirectCall>().flags & IBinder::FLAG_ONEWAY) == 0) {
-            const hostbinder::DirectCall call = frame.fixed<hostbinder::DirectCall>();
-            if (hostbinder::sameProof(call.proof,
-                                      hostbinder::objectProof(mProcess->objectKey(), call.name,
-                                                              peer.pid, peer.start))) {
-                serveDirectCall(servingConn, peer, frame, mProcess->localForToken(call.name));
-                return true;
-            }
+        if (servingConn->pop(&frame) == hostbinder::FrameReader::Result::kFrame &&
+            serveNestedCall(servingConn, peer, frame)) {
+            return true;
         }
         ALOGW("pid %d broke the direct call protocol", peer.pid);
         servingConn->shutdown();

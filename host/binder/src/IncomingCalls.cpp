@@ -257,11 +257,17 @@ void IncomingCalls::close(const std::shared_ptr<IncomingConnection>& c, const ch
 void IncomingCalls::resume(const std::shared_ptr<IncomingConnection>& c) {
     std::unique_ptr<IncomingCall> more;
     {
+        // The lock orders this thread's reads of the connection before the next reader's
+        // (epoll hands the connection over, but a lock is what tools see).
         std::lock_guard<std::mutex> l(mLock);
         c->serving = false;
         if (c->closed) return;
+        if (!c->conn->hasBufferedFrame()) {
+            arm(c->conn->fd(), c.get());
+            return;
+        }
     }
-    if (c->conn->hasBufferedFrame()) {
+    {
         // Frames that came in one read with the call: read them as if the socket had them.
         readConnection(c, &more);
         if (more != nullptr) {
@@ -269,9 +275,7 @@ void IncomingCalls::resume(const std::shared_ptr<IncomingConnection>& c) {
             mReadyCalls.push_back(std::move(more));
             wake();
         }
-        return;
     }
-    arm(c->conn->fd(), c.get());
 }
 
 bool IncomingCalls::resolve(const std::shared_ptr<IncomingConnection>& c, const DirectCall& call,
@@ -291,6 +295,10 @@ bool IncomingCalls::resolve(const std::shared_ptr<IncomingConnection>& c, const 
 void IncomingCalls::readConnection(const std::shared_ptr<IncomingConnection>& c,
                                    std::unique_ptr<IncomingCall>* mine) {
     ThreadConnection& conn = *c->conn;
+    {
+        std::lock_guard<std::mutex> l(mLock);  // after the previous reader (see resume())
+        if (c->closed) return;
+    }
     const status_t filled = conn.fillAvailable();
     for (;;) {
         auto call = std::make_unique<IncomingCall>();

@@ -278,6 +278,15 @@ int openFdCount() {
     return n - 3;  // ".", ".." and the directory's own descriptor
 }
 
+int countEntries(const std::string& dir) {
+    DIR* d = opendir(dir.c_str());
+    if (d == nullptr) return -1;
+    int n = 0;
+    while (dirent* e = readdir(d)) n += e->d_name[0] != '.';
+    closedir(d);
+    return n;
+}
+
 int openFileFdCount() {
     DIR* d = opendir("/proc/self/fd");
     if (d == nullptr) return -1;

@@ -145,6 +145,10 @@ private:
     status_t parkBody(pid_t peer, const Parcel& body, const int* fds, size_t fdCount,
                       uint64_t* parkId);
     status_t fetchParked(pid_t peer, uint64_t parkId, Parcel* out);
+    // Serves `frame` when it is a synchronous call from `peer` with the runtime's proof for it;
+    // false otherwise (the peer broke the protocol).
+    bool serveNestedCall(const DirectConnection& conn, const hostbinder::PeerIdentity& peer,
+                         hostbinder::InboundFrame& frame);
     // Serves a call read from the connection of a call this thread serves (other than
     // `waitingOn`); false when none has one.
     bool serveNestedOnServing(const DirectConnection& waitingOn);

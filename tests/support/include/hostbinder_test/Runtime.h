@@ -66,6 +66,9 @@ private:
 
 // Counts this process's open fds and threads (for leak checks in teardown).
 int openFdCount();
+// Entries of a directory, without "." and ".." (fds or tasks of a process in /proc); -1 when
+// it cannot be read.
+int countEntries(const std::string& dir);
 // Open descriptors of files and memory (not sockets, epoll sets or event counters, which
 // binder threads open for their connections).
 int openFileFdCount();
