@@ -211,8 +211,9 @@ protected:
         ASSERT_EQ(mService->pid(), mIntroduction.ownerPid);
     }
 
-    // A synchronous call on the forging thread connection.
-    void call(int32_t handle, uint32_t code, const Parcel& data, InboundFrame* reply) {
+    // A synchronous call on the forging thread connection, answered with `status`.
+    void call(int32_t handle, uint32_t code, const Parcel& data, InboundFrame* reply,
+              status_t status = NO_ERROR) {
         const auto* d = reinterpret_cast<const uint8_t*>(data.ipcData());
         sendAll(mThread->fd, frame(kFrameTransaction, mSeq++,
                                    transaction(handle, {}, Bytes(d, d + data.ipcDataSize()), code,
@@ -223,7 +224,7 @@ protected:
             if (reply->header.type == kFrameIntroduce) mIntroduction = reply->fixed<Introduce>();
         } while (reply->header.type == kFrameIntroduce);
         ASSERT_EQ(kFrameIncomingReply, reply->header.type);
-        ASSERT_EQ(NO_ERROR, reply->fixed<IncomingReply>().status);
+        ASSERT_EQ(status, reply->fixed<IncomingReply>().status);
     }
 
     int connectToTheService() {
@@ -336,15 +337,16 @@ TEST_F(HostileTest, ProtocolViolationsDropOnlyTheOffender) {
 }
 
 // Whatever identity a process writes into the fields it controls (the spare header and
-// transaction words, its hello, the work source and the data), through the runtime and straight
-// to the callee's process, the callee sees the process as itself.
+// transaction words, its hello, the work source and the data), the runtime and the callee's
+// process see it as itself. The runtime does not relay calls on a process's objects: the call
+// fails there, and goes straight to the callee's process.
 TEST_F(HostileTest, ForgedIdentityIsNeverBelieved) {
     mForgedPid = static_cast<uint32_t>(mService->pid());
     joinAndFindTheService();
     const std::vector<int32_t> self{getpid(), static_cast<int32_t>(getuid())};
-    InboundFrame seen;
-    call(static_cast<int32_t>(mVictim.handle), hostbinder_ipc::kWhoCalls, Parcel(), &seen);
-    EXPECT_EQ(self, replyInts(seen));
+    InboundFrame refused;
+    call(static_cast<int32_t>(mVictim.handle), hostbinder_ipc::kWhoCalls, Parcel(), &refused,
+         FAILED_TRANSACTION);
 
     // Straight to the service's process, with the name the runtime gave for the object.
     const int direct = connectToTheService();

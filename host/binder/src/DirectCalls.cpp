@@ -271,14 +271,19 @@ status_t IPCThreadState::waitForDirectReply(const DirectConnection& conn, const 
             // The connections of the calls this thread serves are read by it alone: a call
             // arriving on one comes from a thread waiting in this chain.
             if (serveNestedOnServing(conn)) continue;
+            // The process's connections are read by its binder threads; this thread reads
+            // them only while none waits for work.
             hostbinder::IncomingCalls* incoming = mProcess->incoming();
+            const bool readIncoming = incoming != nullptr && incoming->idleThreads() == 0;
             std::vector<pollfd> fds{{conn->fd(), POLLIN, 0},
                                     {mDirect->mailboxFd, POLLIN, 0},
-                                    {incoming != nullptr ? incoming->waitFd() : -1, POLLIN, 0}};
+                                    {readIncoming ? incoming->waitFd() : -1, POLLIN, 0}};
             for (const DirectState::Serving& s : mDirect->serving) {
                 if (s.conn != conn && !s.conn->broken()) fds.push_back({s.conn->fd(), POLLIN, 0});
             }
-            if (poll(fds.data(), fds.size(), -1) < 0 && errno != EINTR) {
+            // Not reading them, it looks again now and then, in case all of them got busy.
+            if (poll(fds.data(), fds.size(), readIncoming || incoming == nullptr ? -1 : 50) < 0 &&
+                errno != EINTR) {
                 result = FAILED_TRANSACTION;
                 break;
             }

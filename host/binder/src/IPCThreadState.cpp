@@ -162,8 +162,7 @@ IPCThreadState::IPCThreadState()
         mOnewayUnackedCalls(0),
         mOnewayUnackedBytes(0),
         mOnewayMustAck(false),
-        mDirect(new hostbinder::DirectState),
-        mPollFd(-1) {
+        mDirect(new hostbinder::DirectState) {
     mDirect->mailboxFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     mDirect->threadId = hostbinder::ChainThreads::get().add(this);
 }
@@ -171,7 +170,6 @@ IPCThreadState::IPCThreadState()
 IPCThreadState::~IPCThreadState() {
     hostbinder::ChainThreads::get().remove(mDirect->threadId);
     if (mDirect->mailboxFd >= 0) close(mDirect->mailboxFd);
-    if (mPollFd >= 0) close(mPollFd);
     delete mDirect;
     delete mConnection;
 }
@@ -262,52 +260,25 @@ int32_t IPCThreadState::getLastTransactionBinderFlags() const {
 
 int IPCThreadState::setupPolling(int* fd) {
     if (ensureConnected() != NO_ERROR) return -ENODEV;
+    hostbinder::IncomingCalls* incoming = mProcess->incoming();
+    if (incoming == nullptr) return -ENODEV;
     hostbinder::EnterLooper enter{1, 0};
     iovec part{&enter, sizeof(enter)};
     mConnection->send(hostbinder::kFrameEnterLooper, mProcess->nextFrameSeq(), &part, 1);
     mIsLooper = true;
-    // One descriptor for the caller's poll loop: readable when the runtime sent something or
-    // a direct call waits.
-    if (mPollFd < 0) {
-        mPollFd = epoll_create1(EPOLL_CLOEXEC);
-        epoll_event ev{};
-        ev.events = EPOLLIN;
-        epoll_ctl(mPollFd, EPOLL_CTL_ADD, mConnection->fd(), &ev);
-        if (hostbinder::IncomingCalls* incoming = mProcess->incoming()) {
-            epoll_ctl(mPollFd, EPOLL_CTL_ADD, incoming->waitFd(), &ev);
-            epoll_ctl(mPollFd, EPOLL_CTL_ADD, incoming->wakeFd(), &ev);
-        }
-    }
-    *fd = mPollFd;
+    // Readable when the runtime sent the process work or a direct call waits.
+    *fd = incoming->waitFd();
     return 0;
 }
 
 // Handles everything that has arrived, so that the descriptor is not readable afterwards
-// unless more came meanwhile: every whole frame from the runtime (one read may bring several)
-// and every direct call waiting.
+// unless more came meanwhile (one read may bring several calls).
 status_t IPCThreadState::handlePolledCommands() {
-    if (mConnection == nullptr) return DEAD_OBJECT;
-    for (;;) {
-        bool worked = false;
-        if (!mConnection->hasBufferedFrame()) {
-            if (mConnection->fillAvailable() != NO_ERROR && !mConnection->hasBufferedFrame()) {
-                return DEAD_OBJECT;
-            }
-        }
-        while (mConnection->hasBufferedFrame()) {
-            InboundFrame frame;
-            status_t err = mConnection->read(&frame);
-            if (err != NO_ERROR) return err;
-            executeCommand(frame);
-            worked = true;
-        }
-        if (hostbinder::IncomingCalls* incoming = mProcess->incoming()) {
-            pollfd wake{incoming->wakeFd(), POLLIN, 0};
-            while (poll(&wake, 1, 0) == 1) incoming->drainWake();
-            while (incoming->serveOne(this)) worked = true;
-        }
-        if (!worked) return NO_ERROR;
+    hostbinder::IncomingCalls* incoming = mProcess->incoming();
+    if (mConnection == nullptr || incoming == nullptr) return DEAD_OBJECT;
+    while (incoming->serveOne(this)) {
     }
+    return NO_ERROR;
 }
 
 void IPCThreadState::flushCommands() {}
@@ -376,25 +347,24 @@ void IPCThreadState::joinThreadPool(bool isMain) {
     mIsLooper = false;
 }
 
-// One piece of a binder thread's work: a frame from the runtime, or direct calls. Returns
-// DEAD_OBJECT when the runtime connection ended (the thread leaves the pool).
+// One piece of a binder thread's work: the runtime's work for the process, or direct calls.
+// Returns DEAD_OBJECT when the calls of the instance ended (the thread leaves the pool).
 status_t IPCThreadState::waitForWork() {
-    if (!mConnection->hasBufferedFrame()) {
-        hostbinder::IncomingCalls* incoming = mProcess->incoming();
-        if (incoming != nullptr && incoming->serveQueued(this)) return NO_ERROR;
-        pollfd fds[3] = {{mConnection->fd(), POLLIN, 0},
-                         {incoming != nullptr ? incoming->waitFd() : -1, POLLIN, 0},
-                         {incoming != nullptr ? incoming->wakeFd() : -1, POLLIN, 0}};
-        int n = poll(fds, 3, -1);
-        if (n < 0 && errno != EINTR) return DEAD_OBJECT;
-        if (fds[2].revents & POLLIN) incoming->drainWake();
-        if (fds[1].revents & POLLIN) incoming->serveOne(this);
-        if ((fds[0].revents & (POLLIN | POLLHUP | POLLERR)) == 0) return NO_ERROR;
+    hostbinder::IncomingCalls* incoming = mProcess->incoming();
+    if (incoming == nullptr) return DEAD_OBJECT;
+    return incoming->serveBlocking(this) ? NO_ERROR : DEAD_OBJECT;
+}
+
+void IPCThreadState::executeProcessWork(InboundFrame& frame) {
+    switch (frame.header.type) {
+        case hostbinder::kFrameReleaseNode:
+        case hostbinder::kFrameDeadBinder:
+        case hostbinder::kFrameSpawnLooper:
+            executeWork(frame);
+            return;
+        default:
+            return;  // nothing else comes on the process connection
     }
-    InboundFrame frame;
-    if (mConnection->read(&frame) != NO_ERROR) return DEAD_OBJECT;
-    executeCommand(frame);
-    return NO_ERROR;
 }
 
 status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& data,
@@ -432,6 +402,7 @@ status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& d
         // Within the window the call goes without waiting; beyond it the runtime says whether
         // it took the call (see WireProtocol.h).
         ackWanted = mOnewayMustAck || !fds.empty() ||
+                    handle != hostbinder::kServiceManagerHandle ||
                     mOnewayUnackedCalls >= hostbinder::kOnewayWindowCalls ||
                     mOnewayUnackedBytes + bodyBytes > hostbinder::kOnewayWindowBytes;
         if (!ackWanted) {
@@ -496,22 +467,11 @@ status_t IPCThreadState::executeCommand(InboundFrame& frame) {
     switch (frame.header.type) {
         case hostbinder::kFrameIncomingTransaction:
             return executeTransaction(frame);
-        case hostbinder::kFrameReleaseNode: {
-            const auto& r = frame.fixed<hostbinder::ReleaseNode>();
-            mProcess->localReleased(reinterpret_cast<IBinder*>(r.cookie), r.count);
-            break;
-        }
-        case hostbinder::kFrameDeadBinder: {
-            sp<IBinder> proxy =
-                    mProcess->existingProxyForHandle(frame.fixed<hostbinder::HandleRef>().handle);
-            if (proxy != nullptr && proxy->remoteBinder() != nullptr) {
-                proxy->remoteBinder()->sendObituary();
-            }
-            break;
-        }
+        case hostbinder::kFrameReleaseNode:
+        case hostbinder::kFrameDeadBinder:
         case hostbinder::kFrameSpawnLooper:
-            mProcess->spawnPooledThread(false);
-            return NO_ERROR;
+            executeWork(frame);
+            break;
         case hostbinder::kFrameIntroduce: {
             const auto& i = frame.fixed<hostbinder::Introduce>();
             mProcess->noteHandleOwner(i.handle, i.ownerPid, i.ownerStart, i.name, i.proof);
@@ -531,6 +491,30 @@ status_t IPCThreadState::executeCommand(InboundFrame& frame) {
     hostbinder::BufferRef done{0};
     iovec part{&done, sizeof(done)};
     return mConnection->send(hostbinder::kFrameLooperDone, mProcess->nextFrameSeq(), &part, 1);
+}
+
+// Work for the process that is not a call: an object released, a death notice, a thread more.
+void IPCThreadState::executeWork(InboundFrame& frame) {
+    switch (frame.header.type) {
+        case hostbinder::kFrameReleaseNode: {
+            const auto& r = frame.fixed<hostbinder::ReleaseNode>();
+            mProcess->localReleased(reinterpret_cast<IBinder*>(r.cookie), r.count);
+            break;
+        }
+        case hostbinder::kFrameDeadBinder: {
+            sp<IBinder> proxy =
+                    mProcess->existingProxyForHandle(frame.fixed<hostbinder::HandleRef>().handle);
+            if (proxy != nullptr && proxy->remoteBinder() != nullptr) {
+                proxy->remoteBinder()->sendObituary();
+            }
+            break;
+        }
+        case hostbinder::kFrameSpawnLooper:
+            mProcess->spawnPooledThread(false);
+            return;
+        default:
+            return;
+    }
 }
 
 status_t IPCThreadState::transactAsCaller(pid_t pid, uid_t uid, const sp<IBinder>& target,

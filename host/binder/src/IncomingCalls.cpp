@@ -19,8 +19,10 @@ namespace android {
 namespace hostbinder {
 
 namespace {
-// The epoll tag of the listener (the others are connections).
+// The epoll tags that are not connections.
 char gListenTag;
+char gWakeTag;
+char gRuntimeTag;
 
 // Log lines about misbehaving peers are rate limited: a peer that makes many connections
 // break the protocol does not fill the log.
@@ -39,13 +41,19 @@ size_t onewayCost(const DirectCall& call) {
 }
 }  // namespace
 
-IncomingCalls::IncomingCalls(int listenFd) : mListenFd(listenFd) {
+IncomingCalls::IncomingCalls(int listenFd, int runtimeFd)
+      : mListenFd(listenFd), mRuntime(std::make_shared<ThreadConnection>(runtimeFd)) {
     mEpollFd = epoll_create1(EPOLL_CLOEXEC);
     mWakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE);
     epoll_event ev{};
     ev.events = EPOLLIN | EPOLLONESHOT;
     ev.data.ptr = &gListenTag;
     epoll_ctl(mEpollFd, EPOLL_CTL_ADD, mListenFd, &ev);
+    ev.data.ptr = &gWakeTag;
+    epoll_ctl(mEpollFd, EPOLL_CTL_ADD, mWakeFd, &ev);
+    ev.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
+    ev.data.ptr = &gRuntimeTag;
+    epoll_ctl(mEpollFd, EPOLL_CTL_ADD, runtimeFd, &ev);
 }
 
 IncomingCalls::~IncomingCalls() {
@@ -67,9 +75,15 @@ void IncomingCalls::shutdown() {
     for (auto& c : conns) close(c, nullptr);
     ::shutdown(mListenFd, SHUT_RDWR);
     ::close(mListenFd);
+    epoll_ctl(mEpollFd, EPOLL_CTL_DEL, mRuntime->fd(), nullptr);
+    mRuntime->shutdown();
     std::lock_guard<std::mutex> l(mLock);
     mOneway.clear();
-    wake();
+    // Every waiting thread wakes (one after the other) and finds the calls ended.
+    const uint64_t many = uint64_t(1) << 32;
+    ssize_t n = write(mWakeFd, &many, sizeof(many));
+    (void)n;
+    arm(mWakeFd, &gWakeTag);
 }
 
 namespace {
@@ -131,31 +145,58 @@ void IncomingCalls::workDone(bool looper) {
     gBusy--;
 }
 
-bool IncomingCalls::serveQueued(IPCThreadState* self) {
-    return serve(self, false);
-}
-
 bool IncomingCalls::serveOne(IPCThreadState* self) {
-    return serve(self, true);
+    return serve(self, 0);
 }
 
-bool IncomingCalls::serve(IPCThreadState* self, bool read) {
+bool IncomingCalls::serveBlocking(IPCThreadState* self) {
+    return serve(self, -1);
+}
+
+size_t IncomingCalls::idleThreads() const {
+    std::lock_guard<std::mutex> l(mLock);
+    return mIdle;
+}
+
+bool IncomingCalls::serve(IPCThreadState* self, int timeoutMs) {
     std::unique_ptr<IncomingCall> mine;
     IBinder* object = nullptr;
+    bool runtime = false;
     {
         std::lock_guard<std::mutex> l(mLock);
         if (mShutdown) return false;
-        if (!mReadyCalls.empty()) {
+        if (mRuntimePending) {
+            mRuntimePending = false;
+            runtime = true;
+        } else if (!mReadyCalls.empty()) {
             mine = std::move(mReadyCalls.front());
             mReadyCalls.pop_front();
         } else if (!mReadyObjects.empty()) {
             object = mReadyObjects.front();
             mReadyObjects.pop_front();
+        } else if (timeoutMs != 0) {
+            mIdle++;
+            if (mWakeDisarmed) {
+                mWakeDisarmed = false;
+                arm(mWakeFd, &gWakeTag);
+            }
         }
     }
+    if (runtime) {
+        readRuntime(self);
+        return true;
+    }
     if (mine == nullptr && object == nullptr) {
-        if (!read || !readOne(&mine)) return false;
-        if (mine == nullptr) return true;
+        // Threads that wait here are woken one at a time, as the kernel driver wakes one
+        // looper for each piece of process work.
+        epoll_event ev{};
+        const int n = epoll_wait(mEpollFd, &ev, 1, timeoutMs);
+        if (timeoutMs != 0) {
+            std::lock_guard<std::mutex> l(mLock);
+            mIdle--;
+        }
+        if (n != 1) return timeoutMs != 0;
+        if (!dispatchEvent(ev, self, &mine)) return true;
     }
     const bool looper = self->isLooper();
     tookWork(looper);
@@ -168,22 +209,48 @@ bool IncomingCalls::serve(IPCThreadState* self, bool read) {
     return true;
 }
 
-bool IncomingCalls::readOne(std::unique_ptr<IncomingCall>* mine) {
-    epoll_event ev{};
-    if (epoll_wait(mEpollFd, &ev, 1, 0) != 1) return false;
+// One event from the epoll set. `self` null: a thread waiting for a reply, which only reads
+// (calls of its chain reach its mailbox) and leaves the rest to the binder threads. True when a
+// synchronous call was left in `mine` for the caller to serve.
+bool IncomingCalls::dispatchEvent(const epoll_event& ev, IPCThreadState* self,
+                                  std::unique_ptr<IncomingCall>* mine) {
+    if (ev.data.ptr == &gWakeTag) {
+        std::lock_guard<std::mutex> l(mLock);
+        if (self != nullptr) {
+            uint64_t count;
+            ssize_t n = read(mWakeFd, &count, sizeof(count));  // one count: EFD_SEMAPHORE
+            (void)n;
+            arm(mWakeFd, &gWakeTag);  // the next waiting thread wakes if more is counted
+        } else if (mIdle > 0) {
+            arm(mWakeFd, &gWakeTag);  // for the binder threads
+        } else {
+            mWakeDisarmed = true;  // the next binder thread to wait arms it
+        }
+        return false;
+    }
     if (ev.data.ptr == &gListenTag) {
         acceptWaiting();
-        return true;
+        return false;
+    }
+    if (ev.data.ptr == &gRuntimeTag) {
+        if (self != nullptr) {
+            readRuntime(self);
+        } else {
+            std::lock_guard<std::mutex> l(mLock);
+            mRuntimePending = true;
+            wake();
+        }
+        return false;
     }
     std::shared_ptr<IncomingConnection> c;
     {
         std::lock_guard<std::mutex> l(mLock);
         auto it = mConns.find(static_cast<IncomingConnection*>(ev.data.ptr));
-        if (it == mConns.end()) return true;
+        if (it == mConns.end()) return false;
         c = it->second;
     }
-    readConnection(c, mine);
-    return true;
+    readConnection(c, self != nullptr ? mine : nullptr);
+    return mine != nullptr && *mine != nullptr;
 }
 
 bool IncomingCalls::readForChain() {
@@ -191,13 +258,37 @@ bool IncomingCalls::readForChain() {
         std::lock_guard<std::mutex> l(mLock);
         if (mShutdown) return false;
     }
-    return readOne(nullptr);
+    epoll_event ev{};
+    if (epoll_wait(mEpollFd, &ev, 1, 0) != 1) return false;
+    dispatchEvent(ev, nullptr, nullptr);
+    return true;
 }
 
-void IncomingCalls::drainWake() {
-    uint64_t count;
-    ssize_t n = read(mWakeFd, &count, sizeof(count));
-    (void)n;
+// Work from the runtime for the process (death notices, object releases), run on `self`.
+void IncomingCalls::readRuntime(IPCThreadState* self) {
+    {
+        std::lock_guard<std::mutex> l(mLock);  // after the previous reader (see resume())
+        if (mShutdown) return;
+    }
+    const status_t filled = mRuntime->fillAvailable();
+    for (;;) {
+        InboundFrame frame;
+        const FrameReader::Result r = mRuntime->pop(&frame);
+        if (r == FrameReader::Result::kNeedMore) break;
+        if (r == FrameReader::Result::kMalformed) {
+            ALOGE("malformed frame from the binder runtime");
+            shutdown();
+            return;
+        }
+        self->executeProcessWork(frame);
+    }
+    if (filled != NO_ERROR) {
+        // The runtime is gone: the binder threads leave, the next call joins again.
+        shutdown();
+        return;
+    }
+    std::lock_guard<std::mutex> l(mLock);
+    if (!mShutdown) arm(mRuntime->fd(), &gRuntimeTag);
 }
 
 void IncomingCalls::acceptWaiting() {

@@ -28,6 +28,8 @@
 
 #include <binder/IBinder.h>
 
+#include <sys/epoll.h>
+
 #include <deque>
 #include <map>
 #include <memory>
@@ -69,24 +71,26 @@ public:
     static constexpr size_t kMaxPerUid = 128;
     static constexpr size_t kMaxConnections = 512;
 
-    // Takes the listening socket.
-    explicit IncomingCalls(int listenFd);
+    // Takes the listening socket and a descriptor of the process's connection to the
+    // runtime, which the binder threads read for the process's work from the runtime.
+    IncomingCalls(int listenFd, int runtimeFd);
     ~IncomingCalls();
     IncomingCalls(const IncomingCalls&) = delete;
     IncomingCalls& operator=(const IncomingCalls&) = delete;
 
-    // Readable when a connection or the listener needs a thread (an epoll set).
+    // Readable when a connection, the listener, the runtime or queued work needs a thread
+    // (an epoll set).
     int waitFd() const { return mEpollFd; }
-    // Readable while work read earlier waits in the queues (an eventfd counting it);
-    // drainWake() takes one count.
-    int wakeFd() const { return mWakeFd; }
-    void drainWake();
 
-    // Takes at most one piece of work and runs it on `self`. False when there was none.
+    // Takes at most one piece of work, if there is one now, and runs it on `self`. False when
+    // there was none.
     bool serveOne(IPCThreadState* self);
-    // The same, from the queues only (no system call): for a thread that is about to wait
-    // on waitFd() and wakeFd() anyway.
-    bool serveQueued(IPCThreadState* self);
+    // Waits for one piece of work and runs it on `self`: binder threads wait here, and the
+    // kernel wakes one of them for each event. False once the calls have ended (shutdown(),
+    // or the runtime went away).
+    bool serveBlocking(IPCThreadState* self);
+    // Binder threads waiting in serveBlocking() now.
+    size_t idleThreads() const;
 
     // For a thread that waits for a reply: reads what one connection sent, without running
     // anything itself. Calls of its own chain reach it through its mailbox; the rest is queued
@@ -109,10 +113,11 @@ public:
     size_t connectionCount() const;
 
 private:
-    bool serve(IPCThreadState* self, bool read);
+    bool serve(IPCThreadState* self, int timeoutMs);
+    bool dispatchEvent(const epoll_event& ev, IPCThreadState* self,
+                       std::unique_ptr<IncomingCall>* mine);
+    void readRuntime(IPCThreadState* self);
     void acceptWaiting();
-    // Reads from the next ready connection (or accepts); false when none was ready.
-    bool readOne(std::unique_ptr<IncomingCall>* mine);
     // Reads what `c` has sent; a synchronous call for this thread to serve goes to `mine`
     // (null: the thread serves none, the call is queued).
     void readConnection(const std::shared_ptr<IncomingConnection>& c,
@@ -136,7 +141,11 @@ private:
     int mEpollFd = -1;
     int mListenFd = -1;
     int mWakeFd = -1;
+    std::shared_ptr<ThreadConnection> mRuntime;  // the process connection, read side
     bool mShutdown = false;
+    size_t mIdle = 0;              // threads in serveBlocking()
+    bool mWakeDisarmed = false;    // a waiting-for-reply thread took the wake event
+    bool mRuntimePending = false;  // the runtime sent work a binder thread has to read
     std::unordered_map<IncomingConnection*, std::shared_ptr<IncomingConnection>> mConns;
     std::map<pid_t, size_t> mPerPid;
     std::map<uid_t, size_t> mPerUid;

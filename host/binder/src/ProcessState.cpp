@@ -93,8 +93,9 @@ status_t ProcessState::ensureRuntime() {
 status_t ProcessState::connectRuntime(Vector<IBinder*>* released) {
     Mutex::Autolock _l(mRuntimeLock);
     if (mRuntimeFd >= 0) {
-        // The runtime never writes to this connection after its hello: readable means gone.
-        pollfd pfd{mRuntimeFd, POLLIN, 0};
+        // The binder threads read the runtime's work for the process from this connection;
+        // its end is the runtime's.
+        pollfd pfd{mRuntimeFd, POLLRDHUP, 0};
         const bool moved = strcmp(hostbinder::instanceSocketPath(), mSocketPath.string()) != 0;
         if (!moved && poll(&pfd, 1, 0) == 0) return NO_ERROR;
         ALOGW("leaving the binder runtime at %s", mSocketPath.string());
@@ -161,7 +162,7 @@ void ProcessState::startDirectListener() {
     }
     // Non-blocking: a binder thread accepts what is waiting and goes back to its work.
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-    mIncoming = new hostbinder::IncomingCalls(fd);
+    mIncoming = new hostbinder::IncomingCalls(fd, fcntl(mRuntimeFd, F_DUPFD_CLOEXEC, 0));
 }
 
 // mRuntimeLock held. The old instance's calls end; threads that still hold it find nothing.

@@ -82,46 +82,15 @@ void Broker::handleTransaction(Conn* c, InboundFrame& f) {
         endTxn(x);
         return;
     }
-    if (oneway) {
-        // What the queued call costs the runtime: its bytes, its bookkeeping, its descriptors.
-        x->queuedCost = x->body.size() + kQueuedCallOverhead + x->fds.size() * kQueuedFdCost;
-        if (ackWanted && dest->asyncQueuedBytes + x->queuedCost > kMaxAsyncQueuedBytes) {
-            // The receiver is behind: the sender hears so, as it would from the kernel driver.
-            endTxn(x);
-            ackOneway(c, FAILED_TRANSACTION);
-            return;
-        }
-        dest->asyncQueuedBytes += x->queuedCost;
-        if (ackWanted) ackOneway(c, NO_ERROR);
-        if (target->asyncBusy) {
-            target->asyncTodo.push_back(x);
-        } else {
-            target->asyncBusy = true;
-            Work w{Work::kTransaction};
-            w.txn = x;
-            enqueueWork(dest, w);
-        }
-        return;
+    // Calls on a process's objects go straight to it. One that comes here could not reach
+    // its owner, which is alive: it fails, and the object stays alive.
+    if (!oneway) {
+        IncomingReply r{0, FAILED_TRANSACTION, 0, 0, 0};
+        send(c, kFrameIncomingReply, &r, sizeof(r), nullptr, 0, nullptr);
+    } else if (ackWanted) {
+        ackOneway(c, FAILED_TRANSACTION);
     }
-    x->from = c;
-    x->fromParent = c->stack;
-    c->stack = x;
-    // A thread of the target process already in this call chain serves the call (it is
-    // waiting for a reply further down the chain).
-    Conn* chosen = nullptr;
-    for (Txn* tmp = x->fromParent; tmp != nullptr; tmp = tmp->fromParent) {
-        if (tmp->from != nullptr && tmp->from->proc == dest) {
-            chosen = tmp->from;
-            break;
-        }
-    }
-    if (chosen != nullptr && !chosen->closed) {
-        deliverTransaction(chosen, x);
-    } else {
-        Work w{Work::kTransaction};
-        w.txn = x;
-        enqueueWork(dest, w);
-    }
+    endTxn(x);
 }
 
 // Answers a one-way call that asked for it; the connection's window starts again.
@@ -219,26 +188,26 @@ Broker::Conn* Broker::idleLooper(Proc* p, Conn* except) {
     return nullptr;
 }
 
+// Work for the process (death notices, object releases) goes on its process connection, which
+// its binder threads read in turn: the kernel wakes one of them, as it would for the driver's
+// process work. The process grows its pool itself.
 void Broker::dispatch(Proc* p) {
     while (!p->dying && !p->todo.empty()) {
-        Conn* t = idleLooper(p, nullptr);
-        if (t == nullptr) return;
         Work w = p->todo.front();
         p->todo.pop_front();
-        // The last idle thread takes work: ask the process for one more, one at a time.
-        if (p->requestedSpawns == 0 && p->spawnedLoopers < p->maxThreads &&
-            idleLooper(p, t) == nullptr) {
-            p->requestedSpawns++;
-            send(t, kFrameSpawnLooper, nullptr, 0, nullptr, 0, nullptr);
-        }
-        deliver(t, w);
+        deliver(p->control, w);
     }
 }
 
 void Broker::deliver(Conn* t, Work& w) {
     switch (w.kind) {
         case Work::kTransaction:
-            deliverTransaction(t, w.txn);
+            // Calls on a process's objects are never relayed (handleTransaction).
+            if (w.txn->oneway) {
+                endTxn(w.txn);
+            } else {
+                failTxn(w.txn, FAILED_TRANSACTION);
+            }
             return;
         case Work::kDeadBinder: {
             t->busy = true;

@@ -105,6 +105,8 @@ public:
     void runOneway(hostbinder::IncomingCall& call);
     // True inside joinThreadPool().
     bool isLooper() const { return mIsLooper; }
+    // Runs work the runtime sent the process (read from the process connection).
+    void executeProcessWork(hostbinder::InboundFrame& frame);
     // A call of this thread's chain: taken (true) when this thread waits for a direct reply.
     // Any thread.
     bool offerChainCall(std::unique_ptr<hostbinder::IncomingCall>* call);
@@ -116,6 +118,7 @@ private:
     status_t ensureConnected();
     status_t waitForResponse(Parcel* reply, uint32_t wantType, int32_t* outValue);
     status_t executeCommand(hostbinder::InboundFrame& frame);
+    void executeWork(hostbinder::InboundFrame& frame);
     status_t executeTransaction(hostbinder::InboundFrame& frame);
     // Runs `target`'s transaction with the calling identity set to pid/uid (and the work
     // source unset), restoring this thread's identity afterwards.
@@ -173,7 +176,6 @@ private:
     size_t mOnewayUnackedBytes;
     bool mOnewayMustAck;  // the last acknowledged one was refused
     hostbinder::DirectState* mDirect;
-    int mPollFd;  // setupPolling(): the runtime connection and direct calls, in one epoll set
 };
 
 }  // namespace android
