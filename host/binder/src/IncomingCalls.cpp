@@ -391,6 +391,10 @@ void IncomingCalls::readConnection(const std::shared_ptr<IncomingConnection>& c,
         if (c->closed) return;
     }
     const status_t filled = conn.fillAvailable();
+    // A binder thread that reads runs the first object it makes ready itself (it takes it from
+    // the queue next); another thread is woken only for the rest.
+    bool keepOne = mine != nullptr;
+    bool kept = false;
     for (;;) {
         auto call = std::make_unique<IncomingCall>();
         const FrameReader::Result r = conn.pop(&call->frame);
@@ -424,7 +428,12 @@ void IncomingCalls::readConnection(const std::shared_ptr<IncomingConnection>& c,
                 if (!q.running) {
                     q.running = true;
                     mReadyObjects.push_back(object);
-                    wake();
+                    if (keepOne) {
+                        keepOne = false;
+                        kept = true;
+                    } else {
+                        wake();
+                    }
                 }
             }
             }
@@ -443,6 +452,10 @@ void IncomingCalls::readConnection(const std::shared_ptr<IncomingConnection>& c,
         }
         if (mine != nullptr && *mine == nullptr) {
             *mine = std::move(call);
+            if (kept) {
+                std::lock_guard<std::mutex> l(mLock);
+                wake();  // this thread serves the call: another runs the object
+            }
         } else {
             std::lock_guard<std::mutex> l(mLock);
             mReadyCalls.push_back(std::move(call));
