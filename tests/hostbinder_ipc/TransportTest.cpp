@@ -19,12 +19,15 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
@@ -44,6 +47,8 @@ enum : uint32_t {
     kRecord,     // -> the serving thread
     kCount,      // one-way: counts; synchronous: -> int32 the one-way calls counted
     kEcho,       // int32 -> same int32
+    kSlowRelay,  // binder: calls it with kSlowRecord; -> what it answered
+    kSlowRecord, // sleeps 300 ms; -> the serving thread
 };
 
 int32_t threadId() {
@@ -77,6 +82,16 @@ protected:
                 return reply->writeInt32(mCounted);
             case kEcho:
                 return reply->writeInt32(data.readInt32());
+            case kSlowRelay: {
+                sp<IBinder> next = data.readStrongBinder();
+                Parcel req, rep;
+                if (next == nullptr) return BAD_VALUE;
+                const status_t err = next->transact(kSlowRecord, req, &rep);
+                return err != NO_ERROR ? err : reply->writeInt32(rep.readInt32());
+            }
+            case kSlowRecord:
+                usleep(300 * 1000);
+                return reply->writeInt32(threadId());
             default:
                 return BBinder::onTransact(code, data, reply, flags);
         }
@@ -90,6 +105,29 @@ sp<IBinder> service(const std::string& name) {
     return defaultServiceManager()->checkService(String16(name.c_str()));
 }
 
+
+// CPU time (user + system, clock ticks) `pid` used over half a second: near 0 for a process
+// whose threads all wait.
+long cpuTicksOverHalfASecond(pid_t pid) {
+    auto ticks = [pid] {
+        FILE* f = fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "r");
+        if (f == nullptr) return -1L;
+        char line[1024] = {};
+        const size_t n = fread(line, 1, sizeof(line) - 1, f);
+        fclose(f);
+        line[n] = '\0';
+        const char* p = strrchr(line, ')');
+        long utime = 0, stime = 0;
+        // Fields 14 and 15 (the first after ')' is field 3).
+        return p != nullptr && sscanf(p + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld",
+                                      &utime, &stime) == 2
+                       ? utime + stime
+                       : -1L;
+    };
+    const long before = ticks();
+    usleep(500 * 1000);
+    return ticks() - before;
+}
 
 int32_t askInt(const sp<IBinder>& target, uint32_t code, int32_t arg = 0) {
     Parcel data, reply;
@@ -251,6 +289,28 @@ TEST_F(TransportTest, PollDrivenServerRunsEverythingThatArrived) {
     }
     EXPECT_TRUE(waitUntil([&] { return askInt(target, kCount) == 300; }, 5000))
             << askInt(target, kCount);
+    // Then it waits in its poll, without spinning.
+    EXPECT_LE(cpuTicksOverHalfASecond(polled->pid()), 10);
+}
+
+// A process whose one binder thread waits for a reply reads a call meant for no chain of its
+// own and keeps it for the binder thread, which serves it once its own call is done.
+TEST_F(TransportTest, ACallReadByAWaitingThreadWaitsForTheBinderThread) {
+    auto single = startRole("hop", {"single"});
+    auto slow = startRole("hop", {"slow", "2"});
+    ASSERT_TRUE(single && slow);
+    sp<IBinder> a = service("single"), b = service("slow");
+    ASSERT_TRUE(a != nullptr && b != nullptr);
+    auto waiting = std::async(std::launch::async, [&] {
+        Parcel data, reply;
+        data.writeStrongBinder(b);
+        return a->transact(kSlowRelay, data, &reply);
+    });
+    usleep(100 * 1000);
+    auto other = std::async(std::launch::async, [&] { return askInt(a, kEcho, 7); });
+    ASSERT_EQ(std::future_status::ready, other.wait_for(std::chrono::seconds(5)));
+    EXPECT_EQ(7, other.get());
+    EXPECT_EQ(NO_ERROR, waiting.get());
 }
 
 // 200 connections that never finish a frame, from another uid: the service keeps the threads
@@ -280,8 +340,10 @@ TEST_F(TransportTest, StalledConnectionsCostNoThreads) {
     }
     for (auto& t : callers) t.join();
     EXPECT_EQ(400, answered.load());
-    // At most the two threads the pool may add.
+    // At most the two threads the pool may add, and with the stalled connections still held
+    // they wait without spinning.
     EXPECT_LE(countEntries(tasks), threadsBefore + 2);
+    EXPECT_LE(cpuTicksOverHalfASecond(server->pid()), 10);
 }
 
 // The owner of an object dies and another process, of another uid, gets its pid and listens
