@@ -275,9 +275,10 @@ status_t IPCThreadState::waitForDirectReply(const DirectConnection& conn, const 
             // them only while none waits for work.
             hostbinder::IncomingCalls* incoming = mProcess->incoming();
             const bool readIncoming = incoming != nullptr && incoming->idleThreads() == 0;
-            std::vector<pollfd> fds{{conn->fd(), POLLIN, 0},
-                                    {mDirect->mailboxFd, POLLIN, 0},
-                                    {readIncoming ? incoming->waitFd() : -1, POLLIN, 0}};
+            std::vector<pollfd>& fds = mDirect->pollSet;  // kept: no allocation per wait
+            fds.assign({{conn->fd(), POLLIN, 0},
+                        {mDirect->mailboxFd, POLLIN, 0},
+                        {readIncoming ? incoming->waitFd() : -1, POLLIN, 0}});
             for (const DirectState::Serving& s : mDirect->serving) {
                 if (s.conn != conn && !s.conn->broken()) fds.push_back({s.conn->fd(), POLLIN, 0});
             }
@@ -352,9 +353,7 @@ bool IPCThreadState::serveNestedCall(const DirectConnection& conn, const PeerIde
     if (frame.header.type != hostbinder::kFrameDirectCall) return false;
     const hostbinder::DirectCall call = frame.fixed<hostbinder::DirectCall>();
     if ((call.flags & IBinder::FLAG_ONEWAY) != 0 ||
-        !hostbinder::sameProof(call.proof, hostbinder::objectProof(mProcess->objectKey(),
-                                                                   call.name, peer.pid,
-                                                                   peer.start))) {
+        !hostbinder::nameGivenTo(mProcess->objectKey(), call.name, call.proof, peer)) {
         return false;
     }
     serveDirectCall(conn, peer, frame, mProcess->localForToken(call.name));

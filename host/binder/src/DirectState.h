@@ -16,6 +16,7 @@
 
 #include <binder/Parcel.h>
 
+#include <poll.h>
 #include <sys/types.h>
 
 #include <deque>
@@ -53,6 +54,9 @@ struct DirectState {
     std::map<pid_t, Outgoing> outgoing;
     std::vector<Serving> serving;
     uint64_t threadId = 0;  // this thread in call chains (ChainThreads)
+    // What a wait for a direct reply polls; rebuilt before each poll, used only until the
+    // poll's results are read (a nested wait rebuilds it for itself).
+    std::vector<pollfd> pollSet;
 
     std::mutex mailboxLock;
     std::deque<std::unique_ptr<IncomingCall>> mailbox;

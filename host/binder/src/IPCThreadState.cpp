@@ -355,18 +355,6 @@ status_t IPCThreadState::waitForWork() {
     return incoming->serveBlocking(this) ? NO_ERROR : DEAD_OBJECT;
 }
 
-void IPCThreadState::executeProcessWork(InboundFrame& frame) {
-    switch (frame.header.type) {
-        case hostbinder::kFrameReleaseNode:
-        case hostbinder::kFrameDeadBinder:
-        case hostbinder::kFrameSpawnLooper:
-            executeWork(frame);
-            return;
-        default:
-            return;  // nothing else comes on the process connection
-    }
-}
-
 status_t IPCThreadState::transact(int32_t handle, uint32_t code, const Parcel& data,
                                   Parcel* reply, uint32_t flags) {
     status_t err = data.errorCheck();
@@ -464,14 +452,9 @@ status_t IPCThreadState::waitForResponse(Parcel* reply, uint32_t wantType, int32
 }
 
 status_t IPCThreadState::executeCommand(InboundFrame& frame) {
+    // On a thread's connection the runtime sends only replies and the introductions before
+    // them; the process's work comes on the process connection (executeProcessWork()).
     switch (frame.header.type) {
-        case hostbinder::kFrameIncomingTransaction:
-            return executeTransaction(frame);
-        case hostbinder::kFrameReleaseNode:
-        case hostbinder::kFrameDeadBinder:
-        case hostbinder::kFrameSpawnLooper:
-            executeWork(frame);
-            break;
         case hostbinder::kFrameIntroduce: {
             const auto& i = frame.fixed<hostbinder::Introduce>();
             mProcess->noteHandleOwner(i.handle, i.ownerPid, i.ownerStart, i.name, i.proof);
@@ -488,13 +471,11 @@ status_t IPCThreadState::executeCommand(InboundFrame& frame) {
             // Stray replies or acknowledgements (a caller that gave up) are dropped with the frame.
             return NO_ERROR;
     }
-    hostbinder::BufferRef done{0};
-    iovec part{&done, sizeof(done)};
-    return mConnection->send(hostbinder::kFrameLooperDone, mProcess->nextFrameSeq(), &part, 1);
 }
 
-// Work for the process that is not a call: an object released, a death notice, a thread more.
-void IPCThreadState::executeWork(InboundFrame& frame) {
+// Work from the runtime for the process, that is not a call: an object released, a death
+// notice, a thread more. Anything else is dropped with the frame.
+void IPCThreadState::executeProcessWork(InboundFrame& frame) {
     switch (frame.header.type) {
         case hostbinder::kFrameReleaseNode: {
             const auto& r = frame.fixed<hostbinder::ReleaseNode>();
@@ -539,54 +520,6 @@ status_t IPCThreadState::transactAsCaller(pid_t pid, uid_t uid, const sp<IBinder
     mWorkSource = origWorkSource;
     mPropagateWorkSource = origPropagateWorkSource;
     return error;
-}
-
-status_t IPCThreadState::executeTransaction(InboundFrame& frame) {
-    const hostbinder::IncomingTransaction t = frame.fixed<hostbinder::IncomingTransaction>();
-    const bool oneway = (t.flags & IBinder::FLAG_ONEWAY) != 0;
-    Parcel reply;
-    status_t error;
-    {
-        Parcel buffer;
-        // A one-way buffer is given back with the looper's completion below.
-        adoptFrame(frame, oneway ? 0 : t.bufferId, &buffer);
-
-        if (t.cookie != 0) {
-            sp<IBinder> target(reinterpret_cast<IBinder*>(t.cookie));
-            // As on the platform, every call gets a reply parcel, one-way calls included:
-            // stubs may write into it unconditionally. A one-way call's reply is dropped.
-            error = transactAsCaller(t.senderPid, t.senderUid, target, t.code, buffer, &reply,
-                                     t.flags);
-        } else {
-            error = UNKNOWN_TRANSACTION;
-        }
-        if (oneway && error != NO_ERROR) {
-            ALOGW("one-way call %u failed: %d", t.code, error);
-        }
-
-        if (!oneway) {
-            std::vector<int> fds;
-            if (error == NO_ERROR && !hostbinder::replyFits(reply, &fds)) {
-                error = FAILED_TRANSACTION;
-                fds.clear();
-            }
-            hostbinder::Reply r{error, 0, 0, 0};
-            iovec parts[3] = {{&r, sizeof(r)}, {nullptr, 0}, {nullptr, 0}};
-            if (error == NO_ERROR) {
-                noteLocalObjects(reply);
-                r.dataSize = static_cast<uint32_t>(reply.ipcDataSize());
-                r.objectsCount = static_cast<uint32_t>(reply.ipcObjectsCount());
-                parts[1] = {reinterpret_cast<void*>(reply.ipcObjects()),
-                            reply.ipcObjectsCount() * sizeof(uint64_t)};
-                parts[2] = {reinterpret_cast<void*>(reply.ipcData()), reply.ipcDataSize()};
-            }
-            return mConnection->send(hostbinder::kFrameReply, mProcess->nextFrameSeq(), parts, 3,
-                                     fds.data(), fds.size());
-        }
-    }
-    hostbinder::BufferRef done{t.bufferId};
-    iovec part{&done, sizeof(done)};
-    return mConnection->send(hostbinder::kFrameLooperDone, mProcess->nextFrameSeq(), &part, 1);
 }
 
 void IPCThreadState::freeBuffer(Parcel* parcel, const uint8_t*, size_t, const binder_size_t*,

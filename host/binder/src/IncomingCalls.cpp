@@ -106,11 +106,6 @@ void IncomingCalls::leavePool() {
     gLoopers--;
 }
 
-size_t IncomingCalls::connectionCount() const {
-    std::lock_guard<std::mutex> l(mLock);
-    return mConns.size();
-}
-
 void IncomingCalls::arm(int fd, void* tag) {
     epoll_event ev{};
     ev.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
@@ -351,7 +346,6 @@ void IncomingCalls::resume(const std::shared_ptr<IncomingConnection>& c) {
         // The lock orders this thread's reads of the connection before the next reader's
         // (epoll hands the connection over, but a lock is what tools see).
         std::lock_guard<std::mutex> l(mLock);
-        c->serving = false;
         if (c->closed) return;
         if (!c->conn->hasBufferedFrame()) {
             arm(c->conn->fd(), c.get());
@@ -374,8 +368,7 @@ bool IncomingCalls::resolve(const std::shared_ptr<IncomingConnection>& c, const 
     sp<ProcessState> proc = ProcessState::self();
     // The proof ties the name to this peer process: a name the runtime gave another process,
     // or one derived from a name it was given, does not pass.
-    if (!sameProof(call.proof,
-                   objectProof(proc->objectKey(), call.name, c->peer.pid, c->peer.start))) {
+    if (!nameGivenTo(proc->objectKey(), call.name, call.proof, c->peer)) {
         close(c, "it named an object without the runtime's proof");
         return false;
     }
@@ -442,11 +435,8 @@ void IncomingCalls::readConnection(const std::shared_ptr<IncomingConnection>& c,
             return;
         }
         // A synchronous call: the peer's thread waits for its reply, so nothing more comes
-        // from it until then, and this connection stays with the call until it is answered.
-        {
-            std::lock_guard<std::mutex> l(mLock);
-            c->serving = true;
-        }
+        // from it until then, and this connection stays disarmed, with the call, until it is
+        // answered (resume()).
         if (dc.serveOn != 0 && ChainThreads::get().handTo(dc.serveOn, &call)) {
             return;
         }

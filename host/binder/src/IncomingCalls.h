@@ -49,7 +49,6 @@ struct IncomingConnection {
     PeerIdentity peer;
     size_t onewayHeld = 0;   // one-way bytes received and not yet given back (mLock)
     size_t creditOwed = 0;   // one-way bytes run and not yet given back (mLock)
-    bool serving = false;    // a synchronous call of it is being served: disarmed (mLock)
     bool closed = false;     // (mLock)
 };
 
@@ -110,7 +109,6 @@ public:
     static void joinPool();
     static void leavePool();
 
-    size_t connectionCount() const;
 
 private:
     bool serve(IPCThreadState* self, int timeoutMs);

@@ -76,8 +76,10 @@ uint64_t nameMask(const uint8_t key[kObjectKeyBytes]) {
     return mask;
 }
 
-bool sameProof(uint64_t a, uint64_t b) {
-    return sodium_memcmp(&a, &b, sizeof(a)) == 0;
+bool nameGivenTo(const uint8_t key[kObjectKeyBytes], uint64_t name, uint64_t proof,
+                 const PeerIdentity& holder) {
+    const uint64_t expected = objectProof(key, name, holder.pid, holder.start);
+    return sodium_memcmp(&proof, &expected, sizeof(proof)) == 0;
 }
 
 void randomBytes(void* out, size_t size) {

@@ -42,8 +42,10 @@ uint64_t objectProof(const uint8_t key[kObjectKeyBytes], uint64_t name, pid_t ho
 // The mask that hides an object's address in its name, derived from the owner's key.
 uint64_t nameMask(const uint8_t key[kObjectKeyBytes]);
 
-// Compares two proofs in constant time.
-bool sameProof(uint64_t a, uint64_t b);
+// True when `proof` is the one for `name` and `holder` under `key` (compared in constant time):
+// the runtime gave that name to that process.
+bool nameGivenTo(const uint8_t key[kObjectKeyBytes], uint64_t name, uint64_t proof,
+                 const PeerIdentity& holder);
 
 // Fills `out` with bytes from the system's random source.
 void randomBytes(void* out, size_t size);

@@ -22,15 +22,6 @@ void ThreadConnection::drop() {
     if (!mBroken.exchange(true) && mFd >= 0) ::shutdown(mFd, SHUT_RDWR);
 }
 
-bool ThreadConnection::readPeer() {
-    ucred cred{};
-    socklen_t len = sizeof(cred);
-    if (mFd < 0 || getsockopt(mFd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) return false;
-    mPeerPid = cred.pid;
-    mPeerUid = cred.uid;
-    return true;
-}
-
 status_t ThreadConnection::read(InboundFrame* out) {
     for (;;) {
         FrameReader::Result r = mReader.pop(out);

@@ -30,11 +30,6 @@ public:
     // Neither reads nor sends work any more (what arrived before a send failed stays readable).
     bool broken() const { return mFd < 0 || mBroken.load() || mWriteFailed.load(); }
 
-    // The process at the other end, as the kernel reports it (direct connections). False when
-    // it cannot be read.
-    bool readPeer();
-    pid_t peerPid() const { return mPeerPid; }
-    uid_t peerUid() const { return mPeerUid; }
     // Ends the connection; reads and sends fail from now on.
     void shutdown() { drop(); }
 
@@ -58,8 +53,6 @@ private:
     std::mutex mSendLock;
     std::atomic<bool> mBroken{false};       // nothing more can be read
     std::atomic<bool> mWriteFailed{false};  // nothing more can be sent
-    pid_t mPeerPid = 0;
-    uid_t mPeerUid = 0;
 };
 
 }  // namespace hostbinder

@@ -41,18 +41,6 @@ Broker::~Broker() {
     for (Conn* c : mClosing) delete c;
     for (auto& [id, parked] : mParked) closeAll(&parked.fds);
     for (auto& [pid, p] : mProcs) {
-        for (Work& w : p->todo) {
-            if (w.txn != nullptr) {
-                closeAll(&w.txn->fds);
-                delete w.txn;
-            }
-        }
-        for (auto& [b, n] : p->nodes) {
-            for (Txn* t : n->asyncTodo) {
-                closeAll(&t->fds);
-                delete t;
-            }
-        }
         delete p;
     }
     if (mListenFd >= 0) {

@@ -78,8 +78,6 @@ private:
         uint64_t sent = 0;  // the owner's sends of this object since the node was made
         uint64_t refs = 0;  // everything that keeps the node
         bool dead = false;
-        bool asyncBusy = false;
-        std::deque<Txn*> asyncTodo;
         std::set<Proc*> holders;  // processes with a Ref to it
     };
 
@@ -100,17 +98,14 @@ private:
         uint32_t objectsCount = 0;
         std::vector<int> fds;
         std::vector<Node*> held;  // node references the receiving buffer holds
-        size_t queuedCost = 0;    // one-way: what it counts in its receiver's queue
     };
 
     struct Buffer {
         std::vector<Node*> held;
-        Node* asyncNode = nullptr;  // the one-way call's target, released with the buffer
     };
 
     struct Work {
-        enum Kind { kTransaction, kDeadBinder, kReleaseNode } kind;
-        Txn* txn = nullptr;
+        enum Kind { kDeadBinder, kReleaseNode } kind;
         int32_t handle = 0;
         uint64_t binder = 0, cookie = 0, count = 0;
     };
@@ -126,9 +121,6 @@ private:
         bool hasHead = false;
         bool eof = false;
         bool closed = false;
-        bool looper = false;
-        bool busy = false;
-        uint64_t busyBuffer = 0;  // the one-way call's buffer it is handling
         // One-way calls taken since the last acknowledgement (see WireProtocol.h).
         uint32_t onewayUnackedCalls = 0;
         size_t onewayUnackedBytes = 0;
@@ -160,10 +152,7 @@ private:
         std::unordered_map<Node*, int32_t> handleOf;
         int32_t nextHandle = 1;
         std::deque<Work> todo;
-        size_t asyncQueuedBytes = 0;  // cost of the one-way calls queued for it
         uint32_t maxThreads = 15;
-        uint32_t spawnedLoopers = 0;
-        uint32_t requestedSpawns = 0;
         std::unordered_map<uint64_t, Buffer> buffers;
         uint32_t expectedSeq = 1;
         std::map<uint32_t, Conn*> waiting;
@@ -208,13 +197,10 @@ private:
     void handleReply(Conn* c, InboundFrame& f);
     void enqueueWork(Proc* p, Work w);
     void dispatch(Proc* p);
-    Conn* idleLooper(Proc* p, Conn* except);
     void deliver(Conn* t, Work& w);
-    void deliverTransaction(Conn* t, Txn* txn);
     void failTxn(Txn* t, int32_t status);
     void popDeadReplied(Conn* c);
     void endTxn(Txn* t);
-    void dropOneway(Txn* t);
     void ackOneway(Conn* c, int32_t status);
 
     // Bodies parked for direct peers.

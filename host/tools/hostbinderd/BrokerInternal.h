@@ -19,11 +19,6 @@ constexpr size_t kMaxOutBytes = 64 * 1024 * 1024;
 constexpr size_t kMaxNodesPerProc = 1 << 17;
 constexpr size_t kMaxRefsPerProc = 1 << 17;
 constexpr size_t kMaxBuffersPerProc = 1 << 17;
-// One-way calls queued for one process: beyond this, calls that ask for an acknowledgement
-// are refused (unacknowledged ones are bounded by the senders' windows instead).
-constexpr size_t kMaxAsyncQueuedBytes = 32 * 1024 * 1024;
-constexpr size_t kQueuedCallOverhead = 256;
-constexpr size_t kQueuedFdCost = 64 * 1024;
 // Bodies a process parked for direct peers and that are not fetched yet.
 constexpr size_t kMaxParkedPerProc = 256;
 constexpr size_t kMaxParkedBytesPerProc = 64 * 1024 * 1024;

@@ -240,7 +240,7 @@ void Broker::handleFrame(Conn* c, InboundFrame& f) {
             return;
         case kFrameFreeBuffer: {
             auto it = p->buffers.find(f.fixed<BufferRef>().bufferId);
-            if (it == p->buffers.end() || it->second.asyncNode != nullptr) {
+            if (it == p->buffers.end()) {
                 drop(p, "freed an unknown buffer");
                 return;
             }
@@ -280,14 +280,6 @@ void Broker::handleFrame(Conn* c, InboundFrame& f) {
                 drop(p, "looper on the process connection");
                 return;
             }
-            if (!c->looper) {
-                c->looper = true;
-                if (f.fixed<EnterLooper>().isMain == 0) {
-                    if (p->requestedSpawns > 0) p->requestedSpawns--;
-                    p->spawnedLoopers++;
-                }
-            }
-            dispatch(p);
             return;
         case kFrameLooperDone: {
             const uint64_t id = f.fixed<BufferRef>().bufferId;
@@ -298,9 +290,6 @@ void Broker::handleFrame(Conn* c, InboundFrame& f) {
                 }
                 releaseBuffer(p, id);
             }
-            c->busy = false;
-            c->busyBuffer = 0;
-            dispatch(p);
             return;
         }
         case kFramePark:

@@ -48,9 +48,6 @@ void Broker::threadGone(Conn* c) {
         }
     }
     Proc* p = c->proc;
-    // A one-way call it was handling is over: the next one to that object may go.
-    if (c->busyBuffer != 0 && p != nullptr && !p->dying) releaseBuffer(p, c->busyBuffer);
-    c->busyBuffer = 0;
     closeConn(c);
     if (p != nullptr && !p->dying) dispatch(p);
 }
@@ -66,26 +63,14 @@ void Broker::killProc(Proc* p) {
     std::vector<Conn*> conns(p->conns.begin(), p->conns.end());
     for (Conn* c : conns) threadGone(c);
 
-    std::deque<Work> todo;
-    todo.swap(p->todo);
-    for (Work& w : todo) {
-        if (w.txn == nullptr) continue;
-        if (w.txn->oneway) {
-            endTxn(w.txn);
-        } else {
-            failTxn(w.txn, DEAD_OBJECT);
-        }
-    }
+    p->todo.clear();  // notices and releases for it go with it
 
     // Its objects die: holders that asked are told, the service manager forgets them. The
     // nodes stay (as orphans) while other processes refer to them.
     std::vector<Node*> released;
-    std::vector<Txn*> pending;
     for (auto& [binder, node] : p->nodes) {
         Node* n = node.get();
         n->dead = true;
-        pending.insert(pending.end(), n->asyncTodo.begin(), n->asyncTodo.end());
-        n->asyncTodo.clear();
         for (Proc* holder : n->holders) {
             if (holder->dying) continue;
             auto h = holder->handleOf.find(n);
@@ -112,17 +97,12 @@ void Broker::killProc(Proc* p) {
         mOrphans[raw] = std::move(node);
     }
     p->nodes.clear();
-    for (Txn* t : pending) endTxn(t);
 
     discardParkedOf(p);
     std::unordered_map<uint64_t, Buffer> buffers;
     buffers.swap(p->buffers);
     for (auto& [id, b] : buffers) {
         for (Node* n : b.held) releaseNode(n);
-        if (b.asyncNode != nullptr) {
-            b.asyncNode->asyncBusy = false;
-            releaseNode(b.asyncNode);
-        }
     }
     std::map<int32_t, Ref> refs;
     refs.swap(p->refs);

@@ -156,19 +156,10 @@ void Broker::releaseNode(Node* n, uint64_t count) {
         w.binder = n->binder;
         w.cookie = n->cookie;
         w.count = n->sent;
-        std::deque<Txn*> pending;
-        pending.swap(n->asyncTodo);
         owner->nodes.erase(n->binder);  // destroys n
-        for (Txn* t : pending) endTxn(t);
         if (!owner->dying) enqueueWork(owner, w);
     } else {
-        auto it = mOrphans.find(n);
-        if (it != mOrphans.end()) {
-            std::deque<Txn*> pending;
-            pending.swap(n->asyncTodo);
-            mOrphans.erase(it);
-            for (Txn* t : pending) endTxn(t);
-        }
+        mOrphans.erase(n);
     }
 }
 
@@ -191,19 +182,6 @@ void Broker::releaseBuffer(Proc* p, uint64_t id) {
     if (it == p->buffers.end()) return;
     Buffer b = std::move(it->second);
     p->buffers.erase(it);
-    if (b.asyncNode != nullptr) {
-        Node* n = b.asyncNode;
-        n->asyncBusy = false;
-        if (!n->asyncTodo.empty() && n->owner != nullptr && !n->owner->dying) {
-            Txn* next = n->asyncTodo.front();
-            n->asyncTodo.pop_front();
-            n->asyncBusy = true;
-            Work w{Work::kTransaction};
-            w.txn = next;
-            enqueueWork(n->owner, w);
-        }
-        releaseNode(n);
-    }
     for (Node* n : b.held) releaseNode(n);
 }
 

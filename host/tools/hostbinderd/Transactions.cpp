@@ -71,24 +71,17 @@ void Broker::handleTransaction(Conn* c, InboundFrame& f) {
         if (ackWanted) ackOneway(c, NO_ERROR);
         return;
     }
-    Proc* dest = target->owner;
-    if (dest == nullptr || dest->dying || target->dead) {
-        if (!oneway) {
-            IncomingReply r{0, DEAD_OBJECT, 0, 0, 0};
-            send(c, kFrameIncomingReply, &r, sizeof(r), nullptr, 0, nullptr);
-        } else if (ackWanted) {
-            ackOneway(c, DEAD_OBJECT);
-        }
-        endTxn(x);
-        return;
-    }
     // Calls on a process's objects go straight to it. One that comes here could not reach
-    // its owner, which is alive: it fails, and the object stays alive.
+    // its owner: it fails, with DEAD_OBJECT once the owner died (while it lives, the object
+    // stays alive).
+    const Proc* dest = target->owner;
+    const int32_t status = dest == nullptr || dest->dying || target->dead ? DEAD_OBJECT
+                                                                            : FAILED_TRANSACTION;
     if (!oneway) {
-        IncomingReply r{0, FAILED_TRANSACTION, 0, 0, 0};
+        IncomingReply r{0, status, 0, 0, 0};
         send(c, kFrameIncomingReply, &r, sizeof(r), nullptr, 0, nullptr);
     } else if (ackWanted) {
-        ackOneway(c, FAILED_TRANSACTION);
+        ackOneway(c, status);
     }
     endTxn(x);
 }
@@ -163,29 +156,12 @@ void Broker::handleReply(Conn* c, InboundFrame& f) {
         x->to = nullptr;
     }
     popDeadReplied(c);
-    if (c->looper && c->stack == nullptr) dispatch(p);
 }
 
 void Broker::enqueueWork(Proc* p, Work w) {
-    if (p->dying) {
-        if (w.txn != nullptr) {
-            if (w.txn->oneway) {
-                endTxn(w.txn);
-            } else {
-                failTxn(w.txn, DEAD_OBJECT);
-            }
-        }
-        return;
-    }
+    if (p->dying) return;
     p->todo.push_back(w);
     dispatch(p);
-}
-
-Broker::Conn* Broker::idleLooper(Proc* p, Conn* except) {
-    for (Conn* c : p->conns) {
-        if (c != except && c->looper && !c->busy && c->stack == nullptr && !c->closed) return c;
-    }
-    return nullptr;
 }
 
 // Work for the process (death notices, object releases) goes on its process connection, which
@@ -201,68 +177,17 @@ void Broker::dispatch(Proc* p) {
 
 void Broker::deliver(Conn* t, Work& w) {
     switch (w.kind) {
-        case Work::kTransaction:
-            // Calls on a process's objects are never relayed (handleTransaction).
-            if (w.txn->oneway) {
-                endTxn(w.txn);
-            } else {
-                failTxn(w.txn, FAILED_TRANSACTION);
-            }
-            return;
         case Work::kDeadBinder: {
-            t->busy = true;
             HandleRef ref{w.handle, 0};
             send(t, kFrameDeadBinder, &ref, sizeof(ref), nullptr, 0, nullptr);
             return;
         }
         case Work::kReleaseNode: {
-            t->busy = true;
             ReleaseNode rn{w.binder, w.cookie, w.count};
             send(t, kFrameReleaseNode, &rn, sizeof(rn), nullptr, 0, nullptr);
             return;
         }
     }
-}
-
-void Broker::deliverTransaction(Conn* t, Txn* x) {
-    Proc* dest = t->proc;
-    Node* target = x->target;
-    if (x->oneway) {
-        t->busy = true;
-        dest->asyncQueuedBytes -= std::min(dest->asyncQueuedBytes, x->queuedCost);
-    } else {
-        x->to = t;
-        x->toParent = t->stack;
-        t->stack = x;
-    }
-    Buffer buf;
-    uint64_t* offsets = reinterpret_cast<uint64_t*>(x->body.data());
-    uint8_t* data = x->body.data() + size_t(x->objectsCount) * 8;
-    for (uint32_t i = 0; i < x->objectsCount; i++) {
-        flat_binder_object obj = readObjectAt(data, offsets[i]);
-        if (obj.hdr.type == BINDER_TYPE_BINDER && obj.binder != 0) {
-            deliverNode(reinterpret_cast<Node*>(obj.binder), dest, &obj, &buf.held);
-            writeObjectAt(data, offsets[i], obj);
-        }
-    }
-    std::vector<Node*> held;
-    held.swap(x->held);
-    IncomingTransaction it{target->binder, target->cookie, 0, x->code, x->flags,
-                           x->senderPid, x->senderUid, x->dataSize, x->objectsCount};
-    if (x->oneway) {
-        buf.asyncNode = target;  // the buffer takes over the call's hold on its target
-        x->target = nullptr;
-    }
-    if (!buf.held.empty() || buf.asyncNode != nullptr) {
-        if (dest->buffers.size() >= kMaxBuffersPerProc) drop(dest, "does not free its buffers");
-        it.bufferId = mNextBufferId++;
-        dest->buffers[it.bufferId] = std::move(buf);
-        if (x->oneway) t->busyBuffer = it.bufferId;
-    }
-    send(t, kFrameIncomingTransaction, &it, sizeof(it), x->body.data(), x->body.size(), &x->fds);
-    std::vector<uint8_t>().swap(x->body);
-    for (Node* n : held) releaseNode(n);
-    if (x->oneway) delete x;
 }
 
 // The call cannot complete: its caller gets `status`. The call must no longer be on its
@@ -312,10 +237,6 @@ bool Broker::objectsValid(Proc* p, const InboundFrame& f) {
         return false;
     }
     return true;
-}
-
-void Broker::dropOneway(Txn* t) {
-    endTxn(t);
 }
 
 }  // namespace hostbinder

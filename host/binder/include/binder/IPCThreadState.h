@@ -118,8 +118,6 @@ private:
     status_t ensureConnected();
     status_t waitForResponse(Parcel* reply, uint32_t wantType, int32_t* outValue);
     status_t executeCommand(hostbinder::InboundFrame& frame);
-    void executeWork(hostbinder::InboundFrame& frame);
-    status_t executeTransaction(hostbinder::InboundFrame& frame);
     // Runs `target`'s transaction with the calling identity set to pid/uid (and the work
     // source unset), restoring this thread's identity afterwards.
     status_t transactAsCaller(pid_t pid, uid_t uid, const sp<IBinder>& target, uint32_t code,
