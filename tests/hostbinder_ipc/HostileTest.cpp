@@ -6,6 +6,9 @@
 #include "WireSocket.h"
 
 #include <binder/Parcel.h>
+#include <binder/BpBinder.h>
+#include <binder/ProcessState.h>
+#include <binder/IServiceManager.h>
 #include <hostbinder_test/Roles.h>
 
 #include <gtest/gtest.h>
@@ -96,6 +99,81 @@ bool closedByPeer(int fd, size_t* received = nullptr) {
         if (n > 0 && received != nullptr) *received += static_cast<size_t>(n);
     }
     return false;
+}
+
+// abuse SERVICE: as a process of another uid (4321 when root) that was given SERVICE the usual
+// way, breaks the direct-call rules with the name and proof the runtime gave it, on a new
+// connection each time; prints "<what> closed=C answered=A" for each.
+TEST_ROLE(abuse) {
+    if (getuid() == 0 && (setresgid(4321, 4321, 4321) != 0 || setresuid(4321, 4321, 4321) != 0)) {
+        return 4;
+    }
+    sp<IBinder> service =
+            defaultServiceManager()->checkService(String16(args.at(0).c_str()));
+    if (service == nullptr || service->remoteBinder() == nullptr) return 5;
+    pid_t owner = 0;
+    uint64_t start = 0, name = 0, proof = 0;
+    if (!ProcessState::self()->handleOwner(service->remoteBinder()->handle(), &owner, &start,
+                                           &name, &proof)) {
+        return 6;
+    }
+    auto call = [&](uint64_t n, uint64_t p, uint32_t flags, uint32_t size) {
+        return frame(kFrameDirectCall, 0,
+                     bytesOf(DirectCall{n, p, 0, 0, hostbinder_ipc::kEcho, flags, size, 0}) +
+                             Bytes(size));
+    };
+    struct Abuse {
+        const char* what;
+        Bytes bytes;
+        bool withDescriptor;
+    };
+    const Abuse abuses[] = {
+            {"derived-name", call(name ^ 0x40u, proof, 0, 4), false},
+            {"other-proof", call(name, proof ^ 1u, 0, 4), false},
+            {"beyond-budget",
+             call(name, proof, IBinder::FLAG_ONEWAY, uint32_t(kDirectOnewayBudget)), false},
+            {"descriptor", call(name, proof, 0, 4), true},
+    };
+    for (const Abuse& a : abuses) {
+        const int fd = connectDirect(directAddress(instanceSocketPath(), owner));
+        if (fd < 0) return 7;
+        iovec iov{const_cast<uint8_t*>(a.bytes.data()), a.bytes.size()};
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+        msghdr msg{};
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        if (a.withDescriptor) {
+            msg.msg_control = control;
+            msg.msg_controllen = sizeof(control);
+            cmsghdr* c = CMSG_FIRSTHDR(&msg);
+            c->cmsg_level = SOL_SOCKET;
+            c->cmsg_type = SCM_RIGHTS;
+            c->cmsg_len = CMSG_LEN(sizeof(int));
+            const int passed = STDIN_FILENO;
+            memcpy(CMSG_DATA(c), &passed, sizeof(passed));
+        }
+        size_t sent = 0;
+        while (sent < a.bytes.size()) {
+            const ssize_t n = sendmsg(fd, &msg, MSG_NOSIGNAL);
+            if (n <= 0) break;
+            sent += size_t(n);
+            iov.iov_base = static_cast<uint8_t*>(iov.iov_base) + n;
+            iov.iov_len -= size_t(n);
+            msg.msg_control = nullptr;
+            msg.msg_controllen = 0;
+        }
+        size_t received = 0;
+        const bool closed = closedByPeer(fd, &received);
+        printf("%s closed=%d answered=%d\n", a.what, closed ? 1 : 0, received > 0 ? 1 : 0);
+        close(fd);
+    }
+    // Its own calls, by the rules, are still served.
+    Parcel data, reply;
+    data.writeInt32(9);
+    printf("echo=%d\n", service->transact(hostbinder_ipc::kEcho, data, &reply) == NO_ERROR
+                                ? reply.readInt32()
+                                : -1);
+    return 0;
 }
 
 // replay PATH PID NAME PROOF: as another process (uid 65534 when root), calls PID directly on
@@ -412,16 +490,6 @@ TEST_F(HostileTest, DirectPeersBreakingTheProtocolLoseOnlyTheirConnection) {
                    bytesOf(IncomingTransaction{0, 0, 0, 1, 0, 1, 0, 0, 0})),
              kDropped, 0},
             {"a call cut short", Bytes(cutShort.begin(), cutShort.end() - 40), kLeftWaiting, 0},
-            {"a name derived from the one it was given", directCall(name ^ 0x40u, proof, 0, 0),
-             kDropped, 0},
-            {"the name it was given with another proof", directCall(name, proof ^ 1u, 0, 0),
-             kDropped, 0},
-            {"a one-way call beyond the budget",
-             frame(kFrameDirectCall, 0,
-                   bytesOf(DirectCall{name, proof, 0, 0, hostbinder_ipc::kEcho,
-                                      IBinder::FLAG_ONEWAY, uint32_t(kDirectOnewayBudget), 0}) +
-                           Bytes(kDirectOnewayBudget)),
-             kDropped, 0},
             {"a call naming a body it did not park", directCall(name, proof, 12345, 0), kRefused,
              BAD_VALUE},
             {"a call with a body it parked", directCall(name, proof, parkId, 0), kRefused,
@@ -447,30 +515,6 @@ TEST_F(HostileTest, DirectPeersBreakingTheProtocolLoseOnlyTheirConnection) {
         }
         close(fd);
     }
-    {
-        // Descriptors are never taken on a direct connection.
-        const int fd = connectToTheService();
-        ASSERT_GE(fd, 0);
-        const Bytes call = directCall(name, proof, 0, 0);
-        iovec iov{const_cast<uint8_t*>(call.data()), call.size()};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-        msghdr msg{};
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
-        msg.msg_control = control;
-        msg.msg_controllen = sizeof(control);
-        cmsghdr* c = CMSG_FIRSTHDR(&msg);
-        c->cmsg_level = SOL_SOCKET;
-        c->cmsg_type = SCM_RIGHTS;
-        c->cmsg_len = CMSG_LEN(sizeof(int));
-        const int passed = STDIN_FILENO;
-        memcpy(CMSG_DATA(c), &passed, sizeof(passed));
-        ASSERT_EQ(ssize_t(call.size()), sendmsg(fd, &msg, MSG_NOSIGNAL));
-        size_t received = 0;
-        EXPECT_TRUE(closedByPeer(fd, &received));
-        EXPECT_EQ(0u, received);
-        close(fd);
-    }
     for (int i = 0; i < 300; i++) {
         const int fd = connectToTheService();
         ASSERT_GE(fd, 0) << i;
@@ -478,6 +522,21 @@ TEST_F(HostileTest, DirectPeersBreakingTheProtocolLoseOnlyTheirConnection) {
     }
     EXPECT_TRUE(serviceAnswers());
     EXPECT_TRUE(waitUntil([&] { return countEntries(serviceFds) == fdsBefore; }));
+}
+
+// A process of another uid that was given the service breaks the direct-call rules with its
+// own name and proof: a derived name, another proof, a one-way call beyond its budget, a
+// descriptor. Each costs it that connection, unanswered; its calls by the rules still work.
+TEST_F(HostileTest, DirectCallsBeyondTheRulesCostTheConnection) {
+    const std::string out = hostbinder_test::runRole("abuse", {"victim"});
+    for (const char* what : {"derived-name", "other-proof", "beyond-budget", "descriptor"}) {
+        EXPECT_NE(std::string::npos, out.find(std::string(what) + " closed=1 answered=0"))
+                << what << "\n" << out;
+    }
+    EXPECT_NE(std::string::npos, out.find("echo=9")) << out;
+    EXPECT_TRUE(mService->waitForOutput("it named an object without the runtime's proof"));
+    EXPECT_TRUE(mService->waitForOutput("one-way calls beyond its budget"));
+    EXPECT_TRUE(mService->waitForOutput("it sent descriptors")) << mService->output();
 }
 
 // The name and proof the runtime gave one process are worth nothing to another: its call is
